@@ -1,0 +1,49 @@
+# The one door. `make` lists what there is; PRESET chooses the build (release, debug, asan, tsan).
+
+PRESET ?= release
+JOBS ?= $(shell nproc)
+PYTHON := /usr/bin/python3
+BUILD := build/$(PRESET)
+SOURCES = $(shell git ls-files -co --exclude-standard '*.cpp' '*.h')
+SCRIPTS = $(shell git ls-files -co --exclude-standard '*.sh' .ci/run)
+
+# Warnings are errors where a machine reads them.
+CMAKE_FLAGS := $(if $(CI),-DCRC_WERROR=ON)
+
+# Nothing is written outside build/.
+export PYTHONDONTWRITEBYTECODE := 1
+
+.DEFAULT_GOAL := help
+.PHONY: help setup build test demo bench format lint clean
+
+help: ## list the commands
+	@awk -F ':.*## ' '/^[a-z]+:.*## / { printf "  make %-8s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
+	@echo "  PRESET=release|debug|asan|tsan chooses the build; release unless told otherwise"
+
+setup: ## install the Debian packages that are missing
+	@deps/setup.sh
+
+$(BUILD)/build.ninja: | setup
+	@echo "configuring $(PRESET)"
+	@cmake --preset $(PRESET) $(CMAKE_FLAGS)
+
+build: setup $(BUILD)/build.ninja ## build everything into build/PRESET/bin
+	@cmake --build --preset $(PRESET) -j $(JOBS)
+
+test: build ## build, then run every test
+	@ctest --preset $(PRESET)
+
+bench: build ## measure: the bus, and the daemon's size, memory and CPU
+	@$(BUILD)/bin/bus_bench
+	@CRC_BIN=$(CURDIR)/$(BUILD)/bin $(PYTHON) tests/support/measure.py
+
+format: setup ## format the sources
+	@clang-format-14 -i $(SOURCES)
+
+lint: build ## check format, common mistakes and scripts; changes nothing
+	@clang-format-14 --dry-run --Werror $(SOURCES)
+	@shellcheck $(SCRIPTS)
+	@run-clang-tidy-14 -quiet -p $(BUILD) -j $(JOBS) '^$(CURDIR)/(src|bus)/.*\.cpp$$' 2>/dev/null
+
+clean: ## remove everything that was built
+	rm -rf build

@@ -1,0 +1,1 @@
+// Empty: stands in for a build dependency that is never run.

@@ -1,0 +1,1 @@
+// Empty: this crate exists to pin sources, see Cargo.toml.

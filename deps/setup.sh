@@ -1,0 +1,48 @@
+#!/bin/sh
+# Installs the Debian packages that the build, the tests and the demo need. Quick when all are there.
+set -eu
+
+packages="
+    g++ cmake ninja-build pkg-config
+    libjson-c-dev libcjson-dev libwolfssl-dev libssl-dev
+    libgtest-dev libgmock-dev
+    lua5.1 lighttpd openssl iproute2 strace binutils
+    python3 python3-pytest python3-pytest-xdist
+    clang-format-14 clang-tidy-14 shellcheck
+"
+# Any cargo will do; Debian's where there is none.
+command -v cargo >/dev/null || packages="$packages cargo ca-certificates"
+
+if ! command -v apt-get >/dev/null; then
+    echo "setup: not a Debian system; what the build needs must be there already:$packages"
+    exit 0
+fi
+
+missing=
+for package in $packages; do
+    case $(dpkg-query -W -f '${Status}' "$package" 2>/dev/null) in
+    "install ok installed") ;;
+    *) missing="$missing $package" ;;
+    esac
+done
+[ -n "$missing" ] || exit 0
+
+as_root=
+if [ "$(id -u)" != 0 ]; then
+    if ! sudo -n true 2>/dev/null; then
+        echo "setup: only root may install the Debian packages that are missing:$missing" >&2
+        exit 1
+    fi
+    as_root=sudo
+fi
+echo "setup: installing$missing"
+export DEBIAN_FRONTEND=noninteractive
+# shellcheck disable=SC2086 # the list's words are separate arguments
+if ! { $as_root apt-get update -qq &&
+    $as_root apt-get install -y -qq --no-install-recommends $missing; } >/tmp/setup.$$ 2>&1; then
+    tail -n 20 /tmp/setup.$$ >&2
+    rm -f /tmp/setup.$$
+    echo "setup: these Debian packages could not be installed:$missing" >&2
+    exit 1
+fi
+rm -f /tmp/setup.$$

@@ -1,0 +1,73 @@
+#include "broker_process.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "deadline.h"
+
+namespace {
+
+bool is_serving(const std::string& path) {
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    const bool serving =
+        connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+    close(fd);
+    return serving;
+}
+
+} // namespace
+
+BrokerProcess::BrokerProcess() {
+    char folder[] = "/tmp/bus.XXXXXX";
+    m_folder = mkdtemp(folder);
+    chmod(folder, 0755);
+    m_socket = m_folder + "/ubus.sock";
+    start();
+}
+
+BrokerProcess::~BrokerProcess() {
+    if (m_pid > 0) {
+        stop();
+    }
+    unlink(m_socket.c_str());
+    rmdir(m_folder.c_str());
+}
+
+void BrokerProcess::start() {
+    m_pid = fork();
+    if (m_pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL); // also when the test crashes
+        execl(UBUSD_PROGRAM, "ubusd", "-s", m_socket.c_str(), nullptr);
+        _exit(127);
+    }
+    EXPECT_TRUE(wait_until([this] { return is_serving(m_socket); }));
+}
+
+int BrokerProcess::end_with(int signal) {
+    ::kill(m_pid, signal);
+    int status = 0;
+    waitpid(m_pid, &status, 0);
+    m_pid = -1;
+    return status;
+}
+
+void BrokerProcess::stop() {
+    const int status = end_with(SIGTERM);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "wait status " << status;
+}
+
+void BrokerProcess::kill() {
+    end_with(SIGKILL);
+}
