@@ -1,0 +1,58 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <ctime>
+#include <string>
+
+// Forces calls of library functions to fail, and moves the clock. Works for the functions that the
+// program's room_tests() lists under WRAP, in all code that is linked into it statically.
+//
+//     fail_call failure("calloc", 2);   // the second calloc of this thread from now on fails
+//     EXPECT_EQ(cloud_mq_init(4), nullptr);
+//     EXPECT_TRUE(failure.happened());
+//
+// To force every allocation of an operation in turn, count up until one did not happen.
+//
+// Known: malloc, calloc, realloc, strdup, popen, socket, setsockopt, getsockname, select,
+// pthread_create, localtime_r, json_tokener_new, uci_alloc_context, cJSON_CreateObject,
+// cJSON_CreateNumber, cJSON_CreateString, cJSON_PrintUnformatted, wolfSSL_CTX_new, wolfSSL_new,
+// wolfSSL_set_fd; each fails with the errno that it would have.
+
+enum class calls_of { this_thread, every_thread };
+
+// At most one at a time for one function.
+class fail_call {
+public:
+    // Lets the `nth` call from now on fail, and the following ones pass again.
+    explicit fail_call(const std::string& name, int nth = 1,
+                       calls_of whose = calls_of::this_thread);
+    ~fail_call();
+    fail_call(const fail_call&) = delete;
+    fail_call& operator=(const fail_call&) = delete;
+
+    bool happened() const;
+
+private:
+    struct wrapped_call* call;
+};
+
+// Adds to what a clock shows (WRAP clock_gettime), for the code under test alone, until the scope
+// ends; further moves add up. CLOCK_MONOTONIC, or for the time of day CLOCK_REALTIME.
+class moved_clock {
+public:
+    explicit moved_clock(int64_t milliseconds = 0, clockid_t moved = CLOCK_MONOTONIC);
+    ~moved_clock();
+    moved_clock(const moved_clock&) = delete;
+    moved_clock& operator=(const moved_clock&) = delete;
+
+    void move(int64_t milliseconds);
+    void stop(); // from now on only moves move it: for what happens at an exact age
+
+    // How often the clock was read since the program's start: a thread that polls it has seen the
+    // last move for certain once this has grown by two.
+    int64_t readings() const;
+
+private:
+    clockid_t clock;
+};
