@@ -1,0 +1,40 @@
+// The daemon: gathers the device's identity, then runs the control side on this thread for ever.
+
+#include <csignal>
+#include <cstdio>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include "core/device_identity.h"
+#include "core/footprint.h"
+#include "task/task_controller.h"
+
+namespace {
+
+void _ignore_signal(int /*signal*/) {}
+
+// A vanished reader of the log must not end the daemon. A handler, not SIG_IGN: programs that
+// popen starts would inherit the latter and print into a closed pipe for ever.
+void _survive_closed_pipes() {
+    struct sigaction action = {};
+    action.sa_handler = _ignore_signal;
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGPIPE, &action, nullptr);
+}
+
+} // namespace
+
+int main() {
+    prctl(PR_SET_NAME, "main");
+    setvbuf(stdout, nullptr, _IOLBF, 0); // a reader of the pipe sees every line at once
+    _survive_closed_pipes();
+    set_up_memory();
+
+    adSysApiInit();
+    swCloudRelayClientInit();
+
+    // Only when the event loop ended. A running session goes on until the process is killed.
+    for (;;) {
+        sleep(1);
+    }
+}

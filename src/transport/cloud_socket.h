@@ -1,0 +1,72 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <pthread.h>
+
+// The cloud socket: the device's one connection to the relay server, TCP over IPv4 with TLS
+// (wolfSSL through its CyaSSL interface), the server verified against one CA certificate file.
+// Whole packets are sent and received by transport/relay_packet.h.
+//
+// Owner: the cloud cycle. Threads: the worker's, except cloud_socket_abandon. The mutex serialises
+// whole packets; the calls of this module take no lock, their callers know when they are alone.
+// Time-outs are in milliseconds.
+
+#define DFLT_CER_FILE_PATH "/etc/cloud-sdk/velmora-root-CA.pem"
+
+struct WOLFSSL;
+struct WOLFSSL_CTX;
+struct sockaddr_in;
+
+constexpr int CLOUD_SOCKET_DISCONNECTED = 0;
+constexpr int CLOUD_SOCKET_CONNECTED = 1; // TLS is up
+
+struct cloud_socket_t {
+    pthread_mutex_t mutex; // held for one whole packet
+    int32_t sockfd;        // -1 when closed
+    WOLFSSL_CTX* CTX;      // null when none
+    WOLFSSL* SSL;          // null when none
+    char* cerFile;         // owned
+    int32_t status;
+    std::atomic<int> abandoned; // set from the event loop's thread: nobody waits for this peer
+    bool midRecord;             // a write was given up in the middle of a TLS record
+    const std::atomic<int>* closeRequest; // not owned: non-zero ends a stalled write; null for none
+};
+
+// A new, closed socket, or null when memory is short.
+cloud_socket_t* cloud_socket_init();
+
+// Disconnects and releases the socket. A null socket is only logged.
+void cloud_socket_destroy(cloud_socket_t* socket);
+
+// Connects to the server at `ip` (dotted) and `port`: TCP within `timeout` for each uplink tried,
+// TLS within seven times `timeout`. Returns 0, also when it is connected already; 100 for a null
+// argument or a port outside 1 to 65535; -1 on failure, the socket then being closed.
+int cloud_socket_connect(cloud_socket_t* cloudSocket, const char* ip, int port, int64_t timeout);
+
+// Writes `length` bytes, for as long as it takes the peer to take them, unless the socket is
+// abandoned or its close is requested. Returns 0; 9 when the peer closed, the write was given up,
+// or the socket is disconnected; 100 for a null argument. A short write, and every error but the
+// peer's close, counts as success: the next read finds the connection broken.
+int cloud_socket_send_buf(cloud_socket_t* socket, const void* buf, size_t length);
+
+// Reads `length` bytes within `timeout`, counted from the call's start. Returns the number of bytes
+// read, fewer than `length` only after a read error; 0 when the peer closed; -1 on time-out or when
+// the socket is disconnected; 100 for a null argument.
+int cloud_socket_recv_buf(cloud_socket_t* socket, void* buf, size_t length, int64_t timeout);
+
+// True when TLS holds decrypted bytes already, which no wait on the descriptor would report.
+// Requires a connected socket, as the next.
+bool cloud_socket_has_buffered_data(const cloud_socket_t* socket);
+
+// For a descriptor reported readable: false when what came carries no data for us (a session
+// ticket, a key update, half a record), true when a read gives data or the end of the connection.
+bool cloud_socket_has_data(cloud_socket_t* socket);
+
+// Closes the connection, if any. Safe to call again. A null socket is only logged.
+void cloud_socket_disconnect(cloud_socket_t* socket);
+
+// Tells the thread that uses the socket that nobody waits for the peer any more: reads and writes
+// fail from now on. Any thread, while the socket exists.
+void cloud_socket_abandon(cloud_socket_t* socket);

@@ -1,0 +1,107 @@
+#include "transport/session_connect.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstring>
+#include <netdb.h>
+
+#include "core/cloud_cycle_record.h"
+#include "core/log.h"
+#include "core/result.h"
+#include "core/session_notice.h"
+#include "transport/cloud_socket.h"
+
+namespace {
+
+constexpr int64_t CONNECT_TIMEOUT_MS = 5000;
+constexpr size_t RESOLVER_BUFFER_SIZE = 8192; // some hundred addresses; more do not resolve
+
+// Tries the addresses of the server's name one after the other.
+int _cloud_session_connect_default_svr_by_host(cloud_cycle_t* cloudCycle) {
+    // The reentrant form: an older worker may still be resolving on its own thread.
+    char buffer[RESOLVER_BUFFER_SIZE];
+    hostent entry = {};
+    hostent* host = nullptr;
+    int resolverError = 0;
+    gethostbyname_r(cloudCycle->defaultSvr, &entry, buffer, sizeof buffer, &host, &resolverError);
+    if (host == nullptr) {
+        LOG_ERROR("[CRC:] Gethostbyname %s err, %s", cloudCycle->defaultSvr, strerror(errno));
+        return CLOUD_UNREACHABLE;
+    }
+    for (char** address = host->h_addr_list;
+         *address != nullptr && !cloudCycle->cloudSocket->abandoned; address++) {
+        char ipAddr[INET_ADDRSTRLEN] = {};
+        inet_ntop(AF_INET, *address, ipAddr, sizeof ipAddr);
+        // The wording is that of a success; it announces the attempt.
+        LOG_INFO("[CRC:] Connect [%s:%d] successfully", ipAddr, cloudCycle->defaultPort);
+        if (internal::_cloud_session_connect_default_svr_local(cloudCycle, ipAddr) == 0) {
+            return CLOUD_OK;
+        }
+        LOG_ERROR("[CRC:] Connect [%s:%d] error", ipAddr, cloudCycle->defaultPort);
+    }
+    return CLOUD_UNREACHABLE;
+}
+
+int _cloud_session_connect_default_svr(cloud_cycle_t* cloudCycle) {
+    return _cloud_session_connect_default_svr_by_host(cloudCycle);
+}
+
+void _set_connection_bit(cloud_cycle_t* cloudCycle, uint16_t bit) {
+    cloudCycle->status = static_cast<uint16_t>((cloudCycle->status & CLOUD_CYCLE_RUNNING) | bit);
+}
+
+} // namespace
+
+int internal::_cloud_session_connect_default_svr_local(cloud_cycle_t* cloudCycle,
+                                                       const char* ipAddr) {
+    ENSURE(NULL != cloudCycle && NULL != ipAddr, CLOUD_BAD_ARGUMENT);
+    int result = cloud_socket_connect(cloudCycle->cloudSocket, ipAddr, cloudCycle->defaultPort,
+                                      CONNECT_TIMEOUT_MS);
+    if (result != 0) {
+        LOG_ERROR("[CRC:] Connect [%s : %d] error", ipAddr, cloudCycle->defaultPort);
+        return result;
+    }
+    // A worker that was replaced while it connected says no hello: the relay would take it for the
+    // device's newest session.
+    result = cloudCycle->cloudSocket->abandoned ? CLOUD_ERROR : cloud_handshake_svr(cloudCycle);
+    if (result != 0) {
+        LOG_ERROR("[CRC:] Handshake [%s : %d] error", ipAddr, cloudCycle->defaultPort);
+        cloud_socket_disconnect(cloudCycle->cloudSocket);
+        return result;
+    }
+    return CLOUD_OK;
+}
+
+int cloud_session_connect(cloud_cycle_t* cloudCycle) {
+    ENSURE(NULL != cloudCycle, CLOUD_BAD_ARGUMENT);
+    LOG_INFO("[CRC:] Connect relay-server use [%s:%d]", cloudCycle->defaultSvr,
+             cloudCycle->defaultPort);
+    if ((cloudCycle->status & CLOUD_CYCLE_CONNECTED) != 0) {
+        return CLOUD_OK;
+    }
+    cloudCycle->closeByCloud = 0;
+    if (_cloud_session_connect_default_svr(cloudCycle) != 0) {
+        LOG_ERROR("[CRC:] Fail to connect the defaultSvr, result:%d", CLOUD_UNREACHABLE);
+        return CLOUD_UNREACHABLE;
+    }
+    _set_connection_bit(cloudCycle, CLOUD_CYCLE_CONNECTED);
+    cloud_cycle_update_last_request_time(cloudCycle);
+    cloud_cycle_update_last_connected_time(cloudCycle);
+    cloud_cycle_reset_notify_flags(cloudCycle);
+    cloudCycle->cloudSocket->closeRequest = &cloudCycle->closeByClient;
+    LOG_INFO("[CRC:] Connect relay-server successfully, use [%s:%d]", cloudCycle->defaultSvr,
+             cloudCycle->defaultPort);
+    return CLOUD_OK;
+}
+
+int cloud_session_disconnect(cloud_cycle_t* cloudCycle) {
+    ENSURE(NULL != cloudCycle, CLOUD_BAD_ARGUMENT);
+    if ((cloudCycle->status & CLOUD_CYCLE_DISCONNECTED) != 0) {
+        LOG_INFO("[CRC:] Cloud socket is already disconnected");
+        return CLOUD_OK;
+    }
+    cloud_socket_disconnect(cloudCycle->cloudSocket);
+    cloud_heartbeat_reset_record(cloudCycle);
+    _set_connection_bit(cloudCycle, CLOUD_CYCLE_DISCONNECTED);
+    return CLOUD_OK;
+}

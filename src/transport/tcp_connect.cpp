@@ -1,0 +1,79 @@
+#include "transport/tcp_connect.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "core/log.h"
+
+namespace {
+
+constexpr int64_t MS_PER_SECOND = 1000;
+constexpr int64_t US_PER_MS = 1000;
+
+} // namespace
+
+int wait_descriptor(int fd, wait_for readiness, int64_t timeout) {
+    if (fd >= FD_SETSIZE) {
+        errno = EMFILE;
+        return -1;
+    }
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(fd, &set);
+    timeval limit = {};
+    limit.tv_sec = timeout / MS_PER_SECOND;
+    limit.tv_usec = timeout % MS_PER_SECOND * US_PER_MS;
+    bool reading = readiness == wait_for::reading;
+    return select(fd + 1, reading ? &set : nullptr, reading ? nullptr : &set, nullptr, &limit);
+}
+
+int open_tcp_socket() {
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd >= FD_SETSIZE) {
+        close(fd);
+        errno = EMFILE;
+        return -1;
+    }
+    return fd;
+}
+
+int connect_nonblock(int fd, const sockaddr_in* address, int64_t timeout) {
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL, 0) | O_NONBLOCK);
+    if (timeout < 1) {
+        LOG_ERROR("[CRC:] parameter error");
+        return -1;
+    }
+    errno = 0;
+    int result = connect(fd, reinterpret_cast<const sockaddr*>(address), sizeof *address);
+    if (result == 0) {
+        LOG_INFO("[CRC:] Good, client connect with server successful.");
+        return 0;
+    }
+    if (errno != EINPROGRESS) {
+        LOG_ERROR("[CRC:] Oh no! n: %d, errno: %s, sockfd is wrong.", result, strerror(errno));
+        perror("connect: ");
+        return -1;
+    }
+    int ready = wait_descriptor(fd, wait_for::writing, timeout);
+    if (ready <= 0) {
+        errno = fd < FD_SETSIZE ? ETIMEDOUT : EMFILE;
+        LOG_ERROR("[CRC:] select error, result:%d, errno:%s", ready, strerror(errno));
+        return -1;
+    }
+    int error = 0;
+    socklen_t size = sizeof error;
+    getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size);
+    if (error != 0) {
+        errno = error;
+        LOG_ERROR("[CRC:] select error, result:%d, errno:%s", ready, strerror(errno));
+        return -1;
+    }
+    LOG_INFO("[CRC:] tcp connect to the server success");
+    return 0;
+}
