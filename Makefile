@@ -33,6 +33,9 @@ build: setup $(BUILD)/build.ninja ## build everything into build/PRESET/bin
 test: build ## build, then run every test
 	@ctest --preset $(PRESET)
 
+demo: build ## relay a page of a real web server on this machine (ONCE=1: end after the page)
+	@CRC_BIN=$(CURDIR)/$(BUILD)/bin $(PYTHON) demo/demo.py $(if $(ONCE),--once)
+
 bench: build ## measure: the bus, and the daemon's size, memory and CPU
 	@$(BUILD)/bin/bus_bench
 	@CRC_BIN=$(CURDIR)/$(BUILD)/bin $(PYTHON) tests/support/measure.py
