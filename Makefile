@@ -14,14 +14,17 @@ CMAKE_FLAGS := $(if $(CI),-DCRC_WERROR=ON)
 export PYTHONDONTWRITEBYTECODE := 1
 
 .DEFAULT_GOAL := help
-.PHONY: help setup build test demo bench format lint clean
+.PHONY: help setup setup-checks build test memcheck demo bench format lint clean
 
 help: ## list the commands
-	@awk -F ':.*## ' '/^[a-z]+:.*## / { printf "  make %-8s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
+	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-8s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
 	@echo "  PRESET=release|debug|asan|tsan chooses the build; release unless told otherwise"
 
 setup: ## install the Debian packages that are missing
 	@deps/setup.sh
+
+setup-checks:
+	@deps/setup.sh checks
 
 $(BUILD)/build.ninja: | setup
 	@echo "configuring $(PRESET)"
@@ -30,23 +33,26 @@ $(BUILD)/build.ninja: | setup
 build: setup $(BUILD)/build.ninja ## build everything into build/PRESET/bin
 	@cmake --build --preset $(PRESET) -j $(JOBS)
 
-test: build ## build, then run every test
+test: setup-checks build ## build, then run every test
 	@ctest --preset $(PRESET)
+
+memcheck: setup-checks build ## run the daemon's black-box suite under valgrind
+	@CRC_VALGRIND=1 ctest --preset $(PRESET) -R '^system_daemon$$'
 
 demo: build ## relay a page of a real web server on this machine (ONCE=1: end after the page)
 	@CRC_BIN=$(CURDIR)/$(BUILD)/bin $(PYTHON) demo/demo.py $(if $(ONCE),--once)
 
-bench: build ## measure: the bus, and the daemon's size, memory and CPU
+bench: setup-checks build ## measure: the bus, and the daemon's size, memory and CPU
 	@$(BUILD)/bin/bus_bench
 	@CRC_BIN=$(CURDIR)/$(BUILD)/bin $(PYTHON) tests/support/measure.py
 
-format: setup ## format the sources
+format: setup-checks ## format the sources
 	@clang-format-14 -i $(SOURCES)
 
-lint: build ## check format, common mistakes and scripts; changes nothing
+lint: setup-checks build ## check format, common mistakes and scripts; changes nothing
 	@clang-format-14 --dry-run --Werror $(SOURCES)
 	@shellcheck $(SCRIPTS)
-	@run-clang-tidy-14 -quiet -p $(BUILD) -j $(JOBS) '^$(CURDIR)/(src|bus)/.*\.cpp$$' 2>/dev/null
+	@run-clang-tidy-14 -quiet -p $(BUILD) -j $(JOBS) '^$(CURDIR)/(src|bus|relay)/.*\.cpp$$' 2>/dev/null
 
 clean: ## remove everything that was built
 	rm -rf build

@@ -1,15 +1,23 @@
 #!/bin/sh
-# Installs the Debian packages that the build, the tests and the demo need. Quick when all are there.
+# Installs the Debian packages that are missing. Quick when all are there.
+#
+#   setup.sh          what the build and the demo need
+#   setup.sh checks   that, and what tests, benchmarks and lint need
 set -eu
 
 packages="
     g++ cmake ninja-build pkg-config
-    libjson-c-dev libcjson-dev libwolfssl-dev libssl-dev
+    libjson-c-dev libcjson-dev libwolfssl-dev libssl-dev libboost1.81-dev
     libgtest-dev libgmock-dev
-    lua5.1 lighttpd openssl iproute2 strace binutils
-    python3 python3-pytest python3-pytest-xdist
-    clang-format-14 clang-tidy-14 shellcheck
+    lua5.1 lighttpd openssl iproute2 python3 python3-pytest
 "
+if [ "${1-}" = checks ]; then
+    packages="$packages
+        python3-pytest-xdist python3-selenium chromium chromium-driver
+        strace binutils valgrind curl wrk nginx-light openssh-server openssh-client
+        clang-format-14 clang-tidy-14 shellcheck
+    "
+fi
 # Any cargo will do; Debian's where there is none.
 command -v cargo >/dev/null || packages="$packages cargo ca-certificates"
 

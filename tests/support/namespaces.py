@@ -74,12 +74,16 @@ def become_root():
     Path("/proc/self/gid_map").write_text(f"0 {group} 1")
 
 
-def enter():
-    """Moves the calling thread into namespaces of its own; returns a Places for them."""
+def enter(private_network=True):
+    """Moves the calling thread into namespaces of its own; returns a Places for them.
+
+    Without a private network the machine's own loopback stays, for a browser outside.
+    """
     become_root()
-    _unshare(_CLONE_NEWNS | _CLONE_NEWNET | _CLONE_NEWUTS | _CLONE_NEWIPC)
+    _unshare(_CLONE_NEWNS | _CLONE_NEWUTS | _CLONE_NEWIPC | (_CLONE_NEWNET if private_network else 0))
     _mount("none", "/", flags=_MS_REC | _MS_PRIVATE)
-    _bring_up("lo")
+    if private_network:
+        _bring_up("lo")
     return Places()
 
 

@@ -31,9 +31,9 @@ config info 'info'
 """
 
 
-def prepare():
+def prepare(private_network=True):
     """Gives this process the private places that the daemon's paths lead to."""
-    places = namespaces.enter()
+    places = namespaces.enter(private_network)
     places.shadow("/etc", {"config", "cloud-sdk", "hosts", "host.conf", "nsswitch.conf"})
     places.shadow("/usr/lib", {"lua"})
     for folder in (CONFIGURATION, ROOT_CERTIFICATE.parent, TOKEN_SCRIPT.parent):

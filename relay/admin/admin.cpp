@@ -1,0 +1,285 @@
+#include "admin/admin.h"
+
+#include "admin/dashboard_page.h"
+#include "admin/device_json.h"
+#include "admin/prometheus.h"
+#include "base/json_reader.h"
+#include "base/listen.h"
+#include "base/spawn.h"
+#include "base/text.h"
+#include "devices/hello.h"
+
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/http/parser.hpp>
+#include <boost/beast/http/read.hpp>
+#include <boost/beast/http/write.hpp>
+#include <boost/json/array.hpp>
+#include <boost/json/object.hpp>
+#include <boost/json/serialize.hpp>
+#include <openssl/crypto.h>
+
+namespace relay {
+
+namespace http = boost::beast::http;
+namespace json = boost::json;
+
+namespace {
+
+constexpr std::chrono::seconds patience{10};
+constexpr std::chrono::seconds idle{60};
+constexpr std::size_t max_connections = 256;
+constexpr std::size_t max_request_bytes = 16 << 10;
+constexpr std::size_t max_web_token_bytes = 64 << 10;
+
+// What the device is asked; it wants a body and looks at none of it.
+constexpr std::string_view web_token_request = "{\"name\":\"token_get\"}";
+
+constexpr std::string_view devices_path = "/api/devices";
+constexpr std::string_view web_token_path = "/web-token";
+
+std::string_view view(boost::beast::string_view text) {
+    return {text.data(), text.size()};
+}
+
+void set(Admin::Response& response, http::status status, std::string_view type, std::string body) {
+    response.result(status);
+    response.set(http::field::content_type, boost::beast::string_view(type.data(), type.size()));
+    response.body() = std::move(body);
+}
+
+void refuse(Admin::Response& response, http::status status, std::string_view why) {
+    set(response, status, "application/json",
+        json::serialize(json::object{{"error", json::string_view(why.data(), why.size())}}) + "\n");
+}
+
+std::string time_or_empty(std::chrono::system_clock::time_point time) {
+    return time == std::chrono::system_clock::time_point{} ? "" : iso_time(time);
+}
+
+// "/api/devices/<id>/web-token": the id, empty for another path.
+std::string_view device_of(std::string_view path) {
+    if (!path.starts_with(devices_path) || !path.ends_with(web_token_path))
+        return {};
+    path.remove_prefix(devices_path.size());
+    path.remove_suffix(std::min(path.size(), web_token_path.size()));
+    return path.starts_with('/') ? path.substr(1) : std::string_view();
+}
+
+// A name can be made to point anywhere by whoever owns it; an address and localhost cannot.
+bool is_literal_host(std::string_view host) {
+    host = host.substr(0, host.rfind(':'));
+    if (host.starts_with('[') && host.ends_with(']'))
+        host = host.substr(1, host.size() - 2);
+    error_code no_address;
+    asio::ip::make_address(std::string(host), no_address);
+    return !no_address || equals_ignoring_case(host, "localhost");
+}
+
+bool is_from_elsewhere(const Admin::Request& request) {
+    const auto origin = view(request[http::field::origin]);
+    const auto host = view(request[http::field::host]);
+    return !origin.empty() && !(origin.ends_with(host) &&
+                                origin.substr(0, origin.size() - host.size()).ends_with("://"));
+}
+
+} // namespace
+
+Admin::Admin(const Services& services) : services_(services), acceptor_(services.executor) {}
+
+bool Admin::load(std::string& error) {
+    const auto& path = services_.config.admin.token_file;
+    if (path.empty())
+        return true;
+    const auto text = read_file(path, error);
+    if (!text)
+        return false;
+    const auto end = text->find_last_not_of(" \t\r\n");
+    if (end == std::string::npos) {
+        error = path + " holds no token";
+        return false;
+    }
+    token_ = text->substr(0, end + 1);
+    return true;
+}
+
+bool Admin::listen(std::string& error) {
+    if (!relay::listen(acceptor_, services_.config.admin.listen, error))
+        return false;
+    spawn(services_.executor, accept());
+    return true;
+}
+
+std::uint16_t Admin::port() const {
+    error_code ignored;
+    return acceptor_.local_endpoint(ignored).port();
+}
+
+void Admin::close() {
+    error_code ignored;
+    acceptor_.close(ignored);
+}
+
+Awaitable<void> Admin::accept() {
+    Socket socket(services_.executor);
+    bool accepted = co_await relay::accept(acceptor_, socket);
+    while (accepted) {
+        welcome(std::move(socket));
+        accepted = co_await relay::accept(acceptor_, socket);
+    }
+}
+
+void Admin::welcome(Socket socket) {
+    if (connections_ >= max_connections)
+        return; // closes it
+    ++connections_;
+    spawn(services_.executor, serve(std::move(socket)), [this] { --connections_; });
+}
+
+Awaitable<void> Admin::serve(Socket socket) {
+    Deadline deadline(services_.deadlines, [&socket] { socket.close(); });
+    boost::beast::flat_buffer buffer;
+    error_code error;
+    for (bool goes_on = true; goes_on;) {
+        http::request_parser<http::string_body> parser;
+        parser.header_limit(max_request_bytes);
+        parser.body_limit(max_request_bytes);
+        deadline.set(idle);
+        co_await http::async_read(socket, buffer, parser, into(error));
+        if (error)
+            break;
+        const Request request = parser.release();
+        Response response;
+        response.version(11);
+        response.set(http::field::cache_control, "no-store");
+        deadline.clear(); // a device may take its time
+        co_await answer(request, response);
+        response.keep_alive(request.keep_alive());
+        goes_on = request.keep_alive();
+        response.prepare_payload();
+        if (request.method() == http::verb::head)
+            response.body().clear();
+        deadline.set(patience);
+        co_await http::async_write(socket, response, into(error));
+        goes_on = goes_on && !error;
+    }
+    --connections_;
+}
+
+bool Admin::is_allowed(const Request& request) const {
+    if (token_.empty())
+        return is_literal_host(view(request[http::field::host]));
+    const auto credentials = view(request[http::field::authorization]);
+    constexpr std::string_view scheme = "Bearer ";
+    if (!equals_ignoring_case(credentials.substr(0, scheme.size()), scheme))
+        return false;
+    // Hashes are of one length, and say nothing by the time that comparing them takes.
+    const auto given = sha256(credentials.substr(scheme.size()));
+    const auto wanted = sha256(token_);
+    return CRYPTO_memcmp(given.data(), wanted.data(), wanted.size()) == 0;
+}
+
+Awaitable<void> Admin::answer(const Request& request, Response& response) {
+    std::string path(request.target());
+    path.resize(std::min(path.size(), path.find('?')));
+    const bool is_get = request.method() == http::verb::get || request.method() == http::verb::head;
+    const auto device = device_of(path);
+    if (path == "/healthz") {
+        set(response, services_.draining ? http::status::service_unavailable : http::status::ok,
+            "text/plain", services_.draining ? "draining\n" : "ok\n");
+    } else if (path == "/" && is_get && (!token_.empty() || is_allowed(request))) {
+        response.set("Content-Security-Policy", dashboard_policy);
+        set(response, http::status::ok, "text/html; charset=utf-8", dashboard_page);
+    } else if (!is_allowed(request)) {
+        response.set(http::field::www_authenticate, "Bearer");
+        refuse(response, http::status::unauthorized,
+               token_.empty() ? "the request must name this listener by address or as localhost"
+                              : "the bearer token is missing or wrong");
+    } else if (path == devices_path && is_get) {
+        set(response, http::status::ok, "application/json", devices_json());
+    } else if (path == "/metrics" && is_get) {
+        const Gauges gauges{services_.devices.count(), services_.devices.handshakes(),
+                            services_.devices.open_exchanges(), services_.budget.used,
+                            services_.budget.limit};
+        set(response, http::status::ok, "text/plain; version=0.0.4",
+            to_prometheus(services_.metrics, gauges));
+    } else if (!device.empty() && request.method() == http::verb::post) {
+        if (is_from_elsewhere(request))
+            refuse(response, http::status::forbidden, "the request comes from another site's page");
+        else
+            co_await web_token(std::string(device), response);
+    } else if (path == "/" || path == "/metrics" || path == devices_path || !device.empty()) {
+        response.set(http::field::allow, device.empty() ? "GET, HEAD" : "POST");
+        refuse(response, http::status::method_not_allowed, "that is not what can be done here");
+    } else {
+        refuse(response, http::status::not_found, "there is nothing here");
+    }
+}
+
+Awaitable<void> Admin::web_token(std::string device_id, Response& response) {
+    const auto session = services_.devices.find(device_id);
+    if (!session) {
+        refuse(response, http::status::not_found, "no device of that id is connected");
+        co_return;
+    }
+    const auto exchange = std::make_shared<Exchange>(
+        Exchange::Surroundings{services_.executor, services_.deadlines, services_.budget,
+                               max_web_token_bytes},
+        make_packet(PacketType::web_token, 0, web_token_request), services_.config.devices.answer);
+    if (!session->submit(exchange)) {
+        refuse(response, http::status::service_unavailable,
+               "the device has too many requests open");
+        co_return;
+    }
+    const auto state = co_await exchange->answered();
+    std::string body;
+    std::vector<char> bytes;
+    bool more = co_await exchange->take(bytes);
+    while (more) {
+        body.append(bytes.data(), bytes.size());
+        more = co_await exchange->take(bytes);
+    }
+    if (state == Exchange::State::timed_out)
+        refuse(response, http::status::gateway_timeout, "the device did not answer in time");
+    else if (exchange->state() != Exchange::State::complete)
+        refuse(response, http::status::bad_gateway, "the device's connection ended");
+    else
+        set(response, http::status::ok, "application/json", with_escaped_controls(body));
+}
+
+std::string Admin::devices_json() const {
+    const auto& front = services_.config.front;
+    const auto port = front.public_port ? front.public_port : services_.front_port;
+    json::array list;
+    services_.devices.for_each([&](const DeviceSession& session) {
+        const Hello& hello = session.hello();
+        const DeviceFigures& figures = session.figures();
+        list.push_back(json::object{
+            {"id", hello.device_id},
+            {"mac", hello.mac},
+            {"firmware", hello.firmware_id},
+            {"address", session.address()},
+            {"since", iso_time(figures.since)},
+            {"last_heartbeat", time_or_empty(figures.last_heartbeat)},
+            {"requests", figures.requests},
+            {"open", session.open_exchanges()},
+            {"bytes_in", figures.bytes_in},
+            {"bytes_out", figures.bytes_out},
+            {"last_error", figures.last_error},
+            {"url", (front.certificate.empty() ? "http://" : "https://") +
+                        device_key(hello.device_id) + "." + front.base_domain + ":" +
+                        std::to_string(port) + "/"},
+        });
+    });
+    std::uint64_t requests = 0;
+    for (const auto& [status, count] : services_.metrics.requests_by_status)
+        requests += count;
+    return json::serialize(json::object{
+               {"time", iso_time(std::chrono::system_clock::now())},
+               {"draining", services_.draining},
+               {"requests", requests},
+               {"devices", std::move(list)},
+           }) +
+           "\n";
+}
+
+} // namespace relay

@@ -1,0 +1,88 @@
+#include "base/access_log.h"
+
+#include "base/text.h"
+
+#include <boost/json/serialize.hpp>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace relay {
+namespace {
+
+constexpr std::size_t flush_bytes = 64 << 10;
+
+void append(std::string& line, std::string_view key, std::string_view text) {
+    line += ",\"";
+    line += key;
+    line += "\":";
+    line += boost::json::serialize(boost::json::string_view(text.data(), text.size()));
+}
+
+void append(std::string& line, std::string_view key, std::uint64_t number) {
+    line += ",\"";
+    line += key;
+    line += "\":";
+    line += std::to_string(number);
+}
+
+} // namespace
+
+AccessLog::~AccessLog() {
+    flush();
+    if (file_ > STDERR_FILENO)
+        close(file_);
+}
+
+bool AccessLog::open(const std::string& path, std::string& error) {
+    flush();
+    int file = -1;
+    if (path == "-")
+        file = STDOUT_FILENO;
+    else if (!path.empty())
+        file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640);
+    if (file < 0 && !path.empty()) {
+        error = path + " cannot be written: " + std::strerror(errno);
+        return false;
+    }
+    if (file_ > STDERR_FILENO)
+        close(file_);
+    file_ = file;
+    return true;
+}
+
+void AccessLog::add(const AccessRecord& record) {
+    if (file_ < 0)
+        return;
+    char milliseconds[32];
+    std::snprintf(milliseconds, sizeof milliseconds, "%.3f", record.duration.count());
+    lines_ += "{\"time\":\"" + iso_time(record.time) + "\"";
+    append(lines_, "user", record.user);
+    append(lines_, "device", record.device);
+    append(lines_, "method", record.method);
+    append(lines_, "target", record.target);
+    append(lines_, "status", record.status);
+    append(lines_, "request_bytes", record.request_bytes);
+    append(lines_, "answer_bytes", record.answer_bytes);
+    lines_ += ",\"ms\":";
+    lines_ += milliseconds;
+    if (!record.note.empty())
+        append(lines_, "note", record.note);
+    lines_ += "}\n";
+    if (lines_.size() >= flush_bytes)
+        flush();
+}
+
+void AccessLog::flush() {
+    if (file_ >= 0 && !lines_.empty()) {
+        // A reader that is gone, or a full disk, must not stop the relay.
+        [[maybe_unused]] const auto written = write(file_, lines_.data(), lines_.size());
+    }
+    lines_.clear();
+}
+
+} // namespace relay

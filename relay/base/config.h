@@ -1,0 +1,67 @@
+// The configuration file: JSON, comments allowed, every option in relay/relay_server.json.
+// Read once at the start; certificates, token and policy, which it names, are read again on SIGHUP.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace relay {
+
+// An address to listen on. Port 0: a free one.
+struct ListenAddress {
+    std::string host; // numeric
+    std::uint16_t port = 0;
+};
+
+struct DeviceOptions {
+    ListenAddress listen{"0.0.0.0", 8443};
+    std::string certificate; // path, PEM, with its chain
+    std::string key;         // path, PEM
+    std::string policy;      // path; see devices/policy.h
+    std::size_t max_connections = 20000;
+    std::size_t max_handshakes = 256; // TLS and hello under way
+    std::chrono::seconds hello{10};   // from accepted to hello
+    std::chrono::seconds silence{160};
+    std::chrono::seconds answer{15}; // for one request, from its arrival at the relay
+    std::size_t max_answer_bytes = 128 << 20;
+    std::size_t requests_out = 4;
+    std::size_t requests_open = 256; // out and waiting
+};
+
+struct FrontOptions {
+    ListenAddress listen{"0.0.0.0", 8080};
+    std::string certificate; // both paths empty: plain HTTP
+    std::string key;
+    std::string base_domain = "localhost";
+    std::uint16_t public_port = 0; // 0: the one listened on
+    std::string device_host = "127.0.0.1";
+    std::size_t max_connections = 4096;
+    std::size_t max_header_bytes = 32 << 10;
+    std::size_t max_body_bytes = 16 << 20;
+    std::size_t answer_buffer_bytes = 8 << 20;
+    std::chrono::seconds patience{10};
+    std::chrono::seconds idle{60};
+    std::chrono::seconds hold{60};
+};
+
+struct AdminOptions {
+    ListenAddress listen{"127.0.0.1", 9090};
+    std::string token_file; // path; needed when `listen` is not a loopback address
+};
+
+struct Config {
+    DeviceOptions devices;
+    FrontOptions front;
+    AdminOptions admin;
+    std::string access_log = "-"; // path; "-": standard output; empty: none
+    std::size_t memory_bytes = 256 << 20;
+    std::chrono::seconds drain{10};
+};
+
+// Reads the file. On failure returns nothing and puts one sentence into `error`.
+std::optional<Config> load_config(const std::string& path, std::string& error);
+
+} // namespace relay

@@ -1,0 +1,44 @@
+// relay_server's log: one line an event on standard error, in one write, "time level text".
+// What comes from outside may stand in a line: control characters are shown as \xNN.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+namespace relay::log {
+
+enum class Level { info, warning, error };
+
+void write(Level level, std::string_view text);
+
+template <typename... Pieces>
+std::string join(const Pieces&... pieces) {
+    std::string text;
+    const auto append = [&text](const auto& piece) {
+        if constexpr (std::is_arithmetic_v<std::remove_cvref_t<decltype(piece)>>)
+            text += std::to_string(piece);
+        else
+            text += piece;
+    };
+    (append(pieces), ...);
+    return text;
+}
+
+template <typename... Pieces>
+void info(const Pieces&... pieces) {
+    write(Level::info, join(pieces...));
+}
+
+template <typename... Pieces>
+void warning(const Pieces&... pieces) {
+    write(Level::warning, join(pieces...));
+}
+
+template <typename... Pieces>
+void error(const Pieces&... pieces) {
+    write(Level::error, join(pieces...));
+}
+
+} // namespace relay::log

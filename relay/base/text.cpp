@@ -1,0 +1,81 @@
+#include "base/text.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+
+namespace relay {
+namespace {
+
+char lower(char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+} // namespace
+
+std::string lower_case(std::string_view text) {
+    std::string result(text);
+    std::transform(result.begin(), result.end(), result.begin(), lower);
+    return result;
+}
+
+bool equals_ignoring_case(std::string_view a, std::string_view b) {
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                      [](char x, char y) { return lower(x) == lower(y); });
+}
+
+std::string_view trimmed(std::string_view text) {
+    const auto first = text.find_first_not_of(" \t");
+    if (first == std::string_view::npos)
+        return {};
+    return text.substr(first, text.find_last_not_of(" \t") - first + 1);
+}
+
+std::string to_text(const Tcp::endpoint& endpoint) {
+    const auto address = endpoint.address();
+    const std::string host =
+        address.is_v6() ? "[" + address.to_string() + "]" : address.to_string();
+    return host + ":" + std::to_string(endpoint.port());
+}
+
+std::string iso_time(std::chrono::system_clock::time_point time) {
+    using namespace std::chrono;
+    const auto milliseconds = duration_cast<std::chrono::milliseconds>(time.time_since_epoch());
+    const std::time_t seconds = static_cast<std::time_t>(milliseconds.count() / 1000);
+    std::tm utc{};
+    gmtime_r(&seconds, &utc);
+    char date[32];
+    const auto length = std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &utc);
+    char fraction[8];
+    std::snprintf(fraction, sizeof fraction, ".%03dZ",
+                  static_cast<int>(milliseconds.count() % 1000));
+    return std::string(date, length) + fraction;
+}
+
+std::string html_escaped(std::string_view text) {
+    std::string result;
+    for (const char c : text) {
+        switch (c) {
+        case '&':
+            result += "&amp;";
+            break;
+        case '<':
+            result += "&lt;";
+            break;
+        case '>':
+            result += "&gt;";
+            break;
+        case '"':
+            result += "&quot;";
+            break;
+        case '\'':
+            result += "&#39;";
+            break;
+        default:
+            result += c;
+        }
+    }
+    return result;
+}
+
+} // namespace relay

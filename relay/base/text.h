@@ -1,0 +1,27 @@
+// Small helpers for text.
+#pragma once
+
+#include "base/asio.h"
+
+#include <chrono>
+#include <string>
+#include <string_view>
+
+namespace relay {
+
+// ASCII only, as host names, header names and hexadecimal digits are.
+std::string lower_case(std::string_view text);
+bool equals_ignoring_case(std::string_view a, std::string_view b);
+
+std::string_view trimmed(std::string_view text); // without blanks and tabs at its ends
+
+// "192.0.2.1:443", "[2001:db8::1]:443".
+std::string to_text(const Tcp::endpoint& endpoint);
+
+// "2026-01-31T23:59:59.123Z".
+std::string iso_time(std::chrono::system_clock::time_point time);
+
+// With the characters that mean something in HTML replaced.
+std::string html_escaped(std::string_view text);
+
+} // namespace relay

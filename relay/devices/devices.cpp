@@ -1,0 +1,137 @@
+#include "devices/devices.h"
+
+#include "base/listen.h"
+#include "base/spawn.h"
+
+#include <algorithm>
+
+namespace relay {
+
+Devices::Devices(Executor executor, const Config& config, Deadlines& deadlines, Metrics& metrics)
+    : executor_(executor), options_(config.devices),
+      metrics_(metrics), services_{config.devices, deadlines, metrics, *this, config.front.hold},
+      acceptor_(executor) {}
+
+bool Devices::load(std::string& error) {
+    auto policy = load_policy(options_.policy, error);
+    if (!policy)
+        return false;
+    auto tls = make_tls_context(options_.certificate, options_.key, error);
+    if (!tls)
+        return false;
+    prefer_ciphers_of_small_processors(*tls);
+    policy_ = std::move(*policy);
+    tls_ = std::move(tls);
+    return true;
+}
+
+bool Devices::reload(std::string& error) {
+    if (!load(error))
+        return false;
+    for (const auto& [key, session] : sessions_)
+        if (!policy_.objection(session->hello()).empty())
+            session->close("the policy does not admit it any more");
+    return true;
+}
+
+bool Devices::listen(std::string& error) {
+    if (!relay::listen(acceptor_, options_.listen, error))
+        return false;
+    spawn(executor_, accept());
+    return true;
+}
+
+std::uint16_t Devices::port() const {
+    error_code ignored;
+    return acceptor_.local_endpoint(ignored).port();
+}
+
+void Devices::drain() {
+    draining_ = true;
+    error_code ignored;
+    acceptor_.close(ignored);
+}
+
+void Devices::close_all() {
+    for (const auto& session : newcomers_)
+        session->close("the relay ends");
+    for (const auto& [key, session] : sessions_)
+        session->close("the relay ends");
+}
+
+std::shared_ptr<DeviceSession> Devices::find(std::string_view device_id) const {
+    const auto found = sessions_.find(device_key(device_id));
+    return found == sessions_.end() || found->second->is_closed() ? nullptr : found->second;
+}
+
+void Devices::for_each(const std::function<void(const DeviceSession&)>& visit) const {
+    for (const auto& [key, session] : sessions_)
+        if (!session->is_closed())
+            visit(*session);
+}
+
+std::size_t Devices::open_exchanges() const {
+    std::size_t count = 0;
+    for_each([&count](const DeviceSession& session) { count += session.open_exchanges(); });
+    return count;
+}
+
+std::string Devices::objection(const Hello& hello) const {
+    return policy_.objection(hello);
+}
+
+// A device that comes back after a link loss finds its old session in its place, which cannot know
+// yet: the new one takes over at once, with the requests that had not been sent.
+void Devices::admitted(DeviceSession& session) {
+    const auto self = session.shared_from_this();
+    std::erase(newcomers_, self);
+    auto& place = sessions_[device_key(session.hello().device_id)];
+    const auto former = std::exchange(place, self);
+    if (!former || former->is_closed())
+        return;
+    ++metrics_.sessions_replaced;
+    for (auto& exchange : former->take_waiting())
+        if (!session.submit(exchange))
+            exchange->fail(Exchange::State::gone);
+    former->close("a new connection from " + session.address() + " takes its place");
+}
+
+void Devices::ended(DeviceSession& session) {
+    const auto self = session.shared_from_this();
+    std::erase(newcomers_, self);
+    const auto found = sessions_.find(device_key(session.hello().device_id));
+    if (found != sessions_.end() && found->second == self)
+        sessions_.erase(found);
+}
+
+Awaitable<void> Devices::accept() {
+    Socket socket(executor_);
+    bool accepted = co_await relay::accept(acceptor_, socket);
+    while (accepted) {
+        ++metrics_.device_connections;
+        welcome(std::move(socket));
+        accepted = co_await relay::accept(acceptor_, socket);
+    }
+}
+
+// Handshakes are capped. When all are taken the oldest has to go: one who opens connections and
+// says nothing then crowds out himself, and a device that does say hello is long through.
+void Devices::welcome(Socket socket) {
+    if (sessions_.size() + newcomers_.size() >= options_.max_connections) {
+        metrics_.refuse(Refusal::crowded_out);
+        return; // closes it
+    }
+    if (newcomers_.size() >= options_.max_handshakes) {
+        const auto oldest = newcomers_.front();
+        newcomers_.erase(newcomers_.begin());
+        oldest->refuse(Refusal::crowded_out, "too many handshakes are under way");
+    }
+    const auto session = std::make_shared<DeviceSession>(services_, std::move(socket), tls_);
+    newcomers_.push_back(session);
+    spawn(executor_, session->run(), [this, session] {
+        session->close("the relay failed");
+        ended(*session);
+    });
+}
+
+} // namespace relay

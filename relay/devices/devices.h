@@ -1,0 +1,64 @@
+// The listener for devices and the sessions behind it, by device.
+#pragma once
+
+#include "base/config.h"
+#include "devices/device_services.h"
+#include "devices/device_session.h"
+#include "devices/policy.h"
+
+#include <boost/asio/basic_socket_acceptor.hpp>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace relay {
+
+class Devices final : private DeviceDirectory {
+public:
+    Devices(Executor executor, const Config& config, Deadlines& deadlines, Metrics& metrics);
+
+    // Reads policy and certificate. False: nothing has changed, and `error` says why.
+    bool load(std::string& error);
+    // As load(), and ends the sessions that the new policy does not admit.
+    bool reload(std::string& error);
+
+    bool listen(std::string& error);
+    std::uint16_t port() const;
+
+    // From now on nobody comes in; sessions stay until close_all().
+    void drain();
+    void close_all();
+
+    // The session of a device, null when it is not connected.
+    std::shared_ptr<DeviceSession> find(std::string_view device_id) const;
+    // All sessions, by device id.
+    void for_each(const std::function<void(const DeviceSession&)>& visit) const;
+    std::size_t count() const { return sessions_.size(); }
+    std::size_t handshakes() const { return newcomers_.size(); }
+    std::size_t open_exchanges() const;
+
+private:
+    std::string objection(const Hello& hello) const override;
+    bool is_draining() const override { return draining_; }
+    void admitted(DeviceSession& session) override;
+    void ended(DeviceSession& session) override;
+
+    Awaitable<void> accept();
+    void welcome(Socket socket);
+
+    Executor executor_;
+    const DeviceOptions& options_;
+    Metrics& metrics_;
+    DeviceServices services_;
+    Policy policy_;
+    TlsContext tls_;
+    Acceptor acceptor_;
+    bool draining_ = false;
+    std::map<std::string, std::shared_ptr<DeviceSession>, std::less<>> sessions_; // by device_key()
+    std::vector<std::shared_ptr<DeviceSession>> newcomers_; // no session yet; the oldest first
+};
+
+} // namespace relay

@@ -1,0 +1,92 @@
+#include "devices/exchange.h"
+
+namespace relay {
+namespace {
+
+// What an answer may hold when the relay's memory is spent: enough to keep it moving.
+constexpr std::size_t least_buffer_bytes = 64 << 10;
+
+} // namespace
+
+Exchange::Exchange(const Surroundings& surroundings, std::string packet,
+                   Clock::duration time_to_answer)
+    : packet_(std::move(packet)), buffer_bytes_(surroundings.buffer_bytes),
+      budget_(surroundings.budget), held_(surroundings.budget), to_user_(surroundings.executor),
+      to_session_(surroundings.executor),
+      deadline_(surroundings.deadlines, [this] { fail(State::timed_out); }) {
+    held_.resize(packet_.size());
+    deadline_.set(time_to_answer);
+}
+
+Awaitable<Exchange::State> Exchange::answered() {
+    while (is_open())
+        co_await to_user_.wait();
+    co_return state_;
+}
+
+Awaitable<bool> Exchange::take(std::vector<char>& bytes) {
+    while (buffer_.empty() && state_ == State::answering)
+        co_await to_user_.wait();
+    bytes.clear();
+    bytes.swap(buffer_);
+    held_.resize(0);
+    to_session_.notify();
+    co_return !bytes.empty();
+}
+
+void Exchange::abandon() {
+    abandoned_ = true;
+    buffer_.clear();
+    held_.resize(0);
+    to_session_.notify();
+    if (is_open())
+        settle(State::gone);
+}
+
+std::string Exchange::send_as(std::uint16_t id) {
+    set_packet_id(packet_, id);
+    held_.resize(0);
+    state_ = State::out;
+    return std::move(packet_);
+}
+
+void Exchange::begin(std::size_t answer_size) {
+    answer_size_ = answer_size;
+    settle(State::answering);
+}
+
+void Exchange::give(std::span<const char> bytes) {
+    if (abandoned_)
+        return;
+    buffer_.insert(buffer_.end(), bytes.begin(), bytes.end());
+    held_.resize(buffer_.size());
+    to_user_.notify();
+}
+
+bool Exchange::is_full() const {
+    return buffer_.size() >= buffer_bytes_ ||
+           (budget_.is_spent() && buffer_.size() >= least_buffer_bytes);
+}
+
+Awaitable<bool> Exchange::room(Clock::time_point limit) {
+    while (is_full() && Clock::now() < limit)
+        co_await to_session_.wait(limit);
+    co_return !is_full();
+}
+
+void Exchange::complete() {
+    settle(State::complete);
+}
+
+void Exchange::fail(State state) {
+    if (state_ != State::complete)
+        settle(state);
+}
+
+void Exchange::settle(State state) {
+    state_ = state;
+    deadline_.clear();
+    to_user_.notify();
+}
+
+} // namespace relay

@@ -1,0 +1,139 @@
+#include "front/answer.h"
+
+#include "base/text.h"
+#include "front/pages.h"
+#include "front/request.h"
+
+#include <array>
+#include <charconv>
+
+namespace relay {
+namespace {
+
+std::string_view view(boost::beast::string_view text) {
+    return {text.data(), text.size()};
+}
+
+bool is_own_host(std::string_view host, std::string_view device_host) {
+    const auto name_of = [](std::string_view text) { return text.substr(0, text.rfind(':')); };
+    const auto name = name_of(host);
+    return equals_ignoring_case(name, name_of(device_host)) ||
+           equals_ignoring_case(name, "localhost") || name == "127.0.0.1";
+}
+
+void append_header(std::string& head, std::string_view name, std::string_view value) {
+    head += name;
+    head += ": ";
+    head += value;
+    head += "\r\n";
+}
+
+std::string chunk_head(std::size_t bytes) {
+    char digits[2 * sizeof bytes];
+    const auto end = std::to_chars(digits, digits + sizeof digits, bytes, 16).ptr;
+    return std::string(digits, end) + "\r\n";
+}
+
+} // namespace
+
+std::optional<BodyFraming> framing_of(const AnswerParser& parser, bool to_head,
+                                      std::uint64_t bytes_behind_head) {
+    const unsigned status = parser.get().result_int();
+    if (to_head || status / 100 == 1 || status == 204 || status == 304)
+        return BodyFraming{};
+    if (parser.chunked())
+        return BodyFraming{BodyKind::chunked, 0};
+    const auto length = parser.content_length();
+    if (!length)
+        return BodyFraming{BodyKind::counted, bytes_behind_head};
+    if (*length > bytes_behind_head)
+        return std::nullopt;
+    return BodyFraming{BodyKind::counted, *length};
+}
+
+std::string public_location(std::string_view location, const Addresses& addresses) {
+    std::string_view rest;
+    for (const std::string_view scheme : {"http://", "https://"})
+        if (equals_ignoring_case(location.substr(0, scheme.size()), scheme))
+            rest = location.substr(scheme.size());
+    const auto end = rest.find_first_of("/?#");
+    if (rest.empty() || !is_own_host(rest.substr(0, end), addresses.device_host))
+        return std::string(location);
+    std::string result(addresses.public_scheme);
+    result += "://";
+    result += addresses.public_host;
+    return result += end == rest.npos ? std::string_view() : rest.substr(end);
+}
+
+std::string user_head(const AnswerHead& head, const UserHeadOptions& options,
+                      const Addresses& addresses) {
+    std::string text = "HTTP/1.1 " + std::to_string(head.result_int()) + " ";
+    text.reserve(1024);
+    text += view(head.reason());
+    text += "\r\n";
+    const auto connection = view(head[http::field::connection]);
+    const bool has_body = options.framing.kind != BodyKind::none;
+    for (const auto& field : head) {
+        const auto name = view(field.name_string());
+        if (is_hop_by_hop(name, connection) ||
+            (has_body && field.name() == http::field::content_length))
+            continue;
+        if (field.name() == http::field::location)
+            append_header(text, name, public_location(view(field.value()), addresses));
+        else
+            append_header(text, name, view(field.value()));
+    }
+    if (options.framing.kind == BodyKind::counted)
+        append_header(text, "Content-Length", std::to_string(options.framing.bytes));
+    else if (options.framing.kind == BodyKind::chunked && options.may_chunk)
+        append_header(text, "Transfer-Encoding", "chunked");
+    append_header(text, "Connection", options.keep_alive ? "keep-alive" : "close");
+    return text += "\r\n";
+}
+
+AnswerBody::AnswerBody(AnswerParser& parser, BodyFraming framing, bool may_chunk)
+    : parser_(parser), framing_(framing), may_chunk_(may_chunk) {}
+
+bool AnswerBody::is_done() const {
+    return framing_.kind == BodyKind::chunked ? parser_.is_done() : framing_.bytes == 0;
+}
+
+bool AnswerBody::convert(std::string_view bytes) {
+    if (framing_.kind == BodyKind::chunked)
+        return decode_chunks(bytes);
+    output_ = bytes.substr(0, std::min<std::uint64_t>(framing_.bytes, bytes.size()));
+    framing_.bytes -= output_.size();
+    return true;
+}
+
+// The device's chunks are taken apart and made anew: what their framing may hide stays here.
+bool AnswerBody::decode_chunks(std::string_view bytes) {
+    undecoded_ += bytes;
+    decoded_.clear();
+    std::size_t taken = 0;
+    std::array<char, 16384> piece;
+    boost::system::error_code error;
+    while (!parser_.is_done() && taken < undecoded_.size() && error != http::error::need_more) {
+        auto& target = parser_.get().body();
+        target.data = piece.data();
+        target.size = piece.size();
+        taken += parser_.put(
+            boost::asio::buffer(undecoded_.data() + taken, undecoded_.size() - taken), error);
+        decoded_.append(piece.data(), piece.size() - target.size);
+        if (error && error != http::error::need_more && error != http::error::need_buffer)
+            return false;
+    }
+    undecoded_.erase(0, taken);
+    if (may_chunk_) {
+        if (!decoded_.empty()) {
+            decoded_.insert(0, chunk_head(decoded_.size()));
+            decoded_ += "\r\n";
+        }
+        if (parser_.is_done())
+            decoded_ += "0\r\n\r\n";
+    }
+    output_ = decoded_;
+    return true;
+}
+
+} // namespace relay

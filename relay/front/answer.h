@@ -1,0 +1,85 @@
+// A device's answer: an HTTP/1.0 or 1.1 response as its web server wrote it, until it closed.
+//
+// The packet's length says where it ends, so a body without a length of its own gets one here and
+// the user's connection can be kept.
+#pragma once
+
+#include <boost/beast/http/buffer_body.hpp>
+#include <boost/beast/http/message.hpp>
+#include <boost/beast/http/parser.hpp>
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace relay {
+
+namespace http = boost::beast::http;
+
+using AnswerParser = http::response_parser<http::buffer_body>;
+using AnswerHead = http::response_header<>;
+
+constexpr std::size_t max_answer_head_bytes = 64 << 10;
+
+enum class BodyKind {
+    none,    // HEAD, 1xx, 204, 304
+    counted, // so many bytes
+    chunked, // the answer's own chunks
+};
+
+struct BodyFraming {
+    BodyKind kind = BodyKind::none;
+    std::uint64_t bytes = 0; // of `counted`
+};
+
+// How the body of an answer is framed; `bytes_behind_head` came or will come in the packet. Nothing
+// when the answer is shorter than it says.
+std::optional<BodyFraming> framing_of(const AnswerParser& parser, bool to_head,
+                                      std::uint64_t bytes_behind_head);
+
+// Where the device believes to be reached, and where the user reaches it.
+struct Addresses {
+    std::string_view device_host;
+    std::string_view public_scheme;
+    std::string_view public_host; // with port
+};
+
+// A Location for the user: the device's own address becomes the public one.
+std::string public_location(std::string_view location, const Addresses& addresses);
+
+struct UserHeadOptions {
+    BodyFraming framing;
+    bool keep_alive;
+    bool may_chunk; // HTTP/1.1; without, a chunked body ends with the connection
+};
+
+// The head that the user gets, empty line included.
+std::string user_head(const AnswerHead& head, const UserHeadOptions& options,
+                      const Addresses& addresses);
+
+// Turns an answer's body into what the user gets, piece by piece. Owned by one user's connection.
+class AnswerBody {
+public:
+    // `parser` has read the head and outlives this.
+    AnswerBody(AnswerParser& parser, BodyFraming framing, bool may_chunk);
+
+    // Takes the next bytes of the packet. False when the chunks in it are broken.
+    bool convert(std::string_view bytes);
+    // What became of them; valid until the next convert().
+    std::string_view output() const { return output_; }
+    bool is_done() const;
+
+private:
+    bool decode_chunks(std::string_view bytes);
+
+    AnswerParser& parser_;
+    BodyFraming framing_; // bytes: still to come
+    bool may_chunk_;
+    std::string undecoded_;
+    std::string decoded_;
+    std::string_view output_;
+};
+
+} // namespace relay

@@ -1,0 +1,61 @@
+// The HTTP front: where users come in.
+#pragma once
+
+#include "base/access_log.h"
+#include "base/config.h"
+#include "base/deadlines.h"
+#include "base/listen.h"
+#include "base/memory_budget.h"
+#include "base/metrics.h"
+#include "base/tls.h"
+#include "devices/devices.h"
+
+#include <memory>
+#include <string>
+#include <unordered_set>
+
+namespace relay {
+
+class UserConnection;
+
+class Front {
+public:
+    // What a connection uses. Outlives the connections.
+    struct Services {
+        Executor executor;
+        const Config& config;
+        Deadlines& deadlines;
+        MemoryBudget& budget;
+        Metrics& metrics;
+        AccessLog& access_log;
+        Devices& devices;
+    };
+
+    explicit Front(const Services& services);
+    ~Front();
+
+    // Reads the certificate, when there is one. False: nothing has changed, and `error` says why.
+    bool load(std::string& error);
+    bool listen(std::string& error);
+    std::uint16_t port() const;
+
+    // Nobody comes in any more and idle connections end; requests under way go on.
+    void drain();
+    bool is_draining() const { return draining_; }
+    void close_all();
+    bool is_idle() const { return connections_.empty(); }
+
+    void ended(UserConnection& connection);
+
+private:
+    Awaitable<void> accept();
+    void welcome(Socket socket);
+
+    Services services_;
+    TlsContext tls_;
+    Acceptor acceptor_;
+    bool draining_ = false;
+    std::unordered_set<std::shared_ptr<UserConnection>> connections_;
+};
+
+} // namespace relay

@@ -1,0 +1,185 @@
+#include "front/request.h"
+
+#include "base/text.h"
+
+#include <array>
+
+namespace relay {
+namespace {
+
+PageReason bad_request(std::string text) {
+    return {400, std::move(text), "bad_request"};
+}
+
+std::string_view view(boost::beast::string_view text) {
+    return {text.data(), text.size()};
+}
+
+std::string_view value_of(const RequestHead& head, http::field field) {
+    return view(head[field]);
+}
+
+// The relay's own word about where a request comes from replaces what the request says itself.
+bool is_forwarding(std::string_view name) {
+    for (const std::string_view each : {"x-forwarded-for", "x-forwarded-proto", "x-forwarded-host",
+                                        "x-forwarded-port", "x-real-ip", "forwarded"})
+        if (equals_ignoring_case(name, each))
+            return true;
+    return false;
+}
+
+// True when `list`, separated by commas, has `name`.
+bool has_token(std::string_view list, std::string_view name) {
+    while (!list.empty()) {
+        const auto comma = list.find(',');
+        if (equals_ignoring_case(trimmed(list.substr(0, comma)), name))
+            return true;
+        if (comma == list.npos)
+            return false;
+        list.remove_prefix(comma + 1);
+    }
+    return false;
+}
+
+// "host", "host:80", "[::1]:80": without the port.
+std::string_view without_port(std::string_view host) {
+    const auto colon = host.rfind(':');
+    if (colon == host.npos || host.find_first_not_of("0123456789", colon + 1) != host.npos)
+        return host;
+    return host.substr(0, colon);
+}
+
+bool is_host(std::string_view text) {
+    return !text.empty() && text.size() <= 255 &&
+           text.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789"
+                                  "-_.:[]") == text.npos;
+}
+
+void append_header(std::string& head, std::string_view name, std::string_view value) {
+    head += name;
+    head += ": ";
+    head += value;
+    head += "\r\n";
+}
+
+} // namespace
+
+std::optional<PageReason> check_head_bytes(std::string_view head, std::size_t begin) {
+    for (std::size_t i = begin; i < head.size(); ++i) {
+        const char c = head[i];
+        const char next = i + 1 < head.size() ? head[i + 1] : '\0';
+        if (c == '\r' && i + 1 < head.size() && next != '\n')
+            return bad_request("The request has a carriage return without a line feed.");
+        if (c == '\n' && (i == 0 || head[i - 1] != '\r'))
+            return bad_request("The request has a line feed without a carriage return.");
+        if (c == '\n' && i > 1 && (next == ' ' || next == '\t'))
+            return bad_request("The request has a folded header line.");
+        if (c == '\0' ||
+            (static_cast<unsigned char>(c) < ' ' && c != '\t' && c != '\r' && c != '\n'))
+            return bad_request("The request has a control character.");
+    }
+    return std::nullopt;
+}
+
+PageReason parse_error(const boost::system::error_code& error) {
+    if (error == http::error::body_limit)
+        return {413, "The request's body is larger than this relay carries.", "body_limit"};
+    if (error == http::error::header_limit)
+        return {431, "The request's header is larger than this relay takes.", "header_limit"};
+    return bad_request("This is no valid HTTP/1.1 request: " + error.message() + ".");
+}
+
+std::optional<PageReason> check_head(const RequestHead& head) {
+    if (head.version() != 10 && head.version() != 11)
+        return PageReason{505, "This relay speaks HTTP/1.1.", "version"};
+    if (head.method() == http::verb::connect || head.method() == http::verb::trace)
+        return PageReason{501, "This relay carries neither CONNECT nor TRACE.", "method"};
+    if (head.count(http::field::host) != 1)
+        return bad_request("The request must name exactly one host.");
+    if (head.count(http::field::content_length) > 1)
+        return bad_request("The request has more than one Content-Length.");
+    const auto codings = head.count(http::field::transfer_encoding);
+    if (codings > 0 && (head.version() == 10 || head.count(http::field::content_length) > 0))
+        return bad_request("The request's length can be read in two ways.");
+    if (codings > 1 ||
+        (codings == 1 &&
+         !equals_ignoring_case(value_of(head, http::field::transfer_encoding), "chunked")))
+        return PageReason{501, "This relay knows no transfer coding but \"chunked\".",
+                          "transfer_coding"};
+    if (head.count(http::field::upgrade) > 0)
+        return PageReason{501,
+                          "This relay carries one request and its answer at a time. A connection "
+                          "that is upgraded to another protocol, such as WebSocket, does not pass.",
+                          "upgrade"};
+    return std::nullopt;
+}
+
+std::optional<Route> route_of(const RequestHead& head, std::string_view base_domain) {
+    Route route;
+    route.host = value_of(head, http::field::host);
+    route.target = view(head.target());
+    if (!route.target.starts_with('/') && route.target != "*") {
+        // The absolute form, which proxies use, names the host itself.
+        const auto scheme = route.target.find("://");
+        if (scheme == std::string::npos)
+            return std::nullopt;
+        const auto path = route.target.find_first_of("/?", scheme + 3);
+        route.host = route.target.substr(scheme + 3, path - scheme - 3);
+        route.target = path == std::string::npos ? "/" : route.target.substr(path);
+        if (route.target.front() == '?')
+            route.target.insert(0, 1, '/');
+    }
+    if (!is_host(route.host))
+        return std::nullopt;
+    std::string name = lower_case(without_port(route.host));
+    if (name.ends_with('.'))
+        name.pop_back();
+    if (name.size() > base_domain.size() + 1 && name.ends_with(base_domain) &&
+        name[name.size() - base_domain.size() - 1] == '.')
+        route.device_id = name.substr(0, name.size() - base_domain.size() - 1);
+    return route;
+}
+
+bool is_hop_by_hop(std::string_view name, std::string_view connection) {
+    constexpr std::array<std::string_view, 9> names = {"connection",
+                                                       "keep-alive",
+                                                       "proxy-connection",
+                                                       "proxy-authenticate",
+                                                       "proxy-authorization",
+                                                       "te",
+                                                       "trailer",
+                                                       "transfer-encoding",
+                                                       "upgrade"};
+    for (const auto each : names)
+        if (equals_ignoring_case(name, each))
+            return true;
+    return has_token(connection, name);
+}
+
+std::string device_head(const RequestHead& head, const Route& route, const Forwarding& forwarding,
+                        std::size_t body_bytes, bool has_body) {
+    std::string text;
+    text.reserve(1024);
+    text += view(head.method_string());
+    text += ' ';
+    text += route.target;
+    text += head.version() == 10 ? " HTTP/1.0\r\n" : " HTTP/1.1\r\n";
+    append_header(text, "Host", forwarding.device_host);
+    const auto connection = value_of(head, http::field::connection);
+    for (const auto& field : head) {
+        const auto name = view(field.name_string());
+        if (field.name() != http::field::host && field.name() != http::field::content_length &&
+            field.name() != http::field::expect && !is_hop_by_hop(name, connection) &&
+            !is_forwarding(name))
+            append_header(text, name, view(field.value()));
+    }
+    if (has_body)
+        append_header(text, "Content-Length", std::to_string(body_bytes));
+    append_header(text, "X-Forwarded-For", forwarding.user);
+    append_header(text, "X-Forwarded-Proto", forwarding.scheme);
+    append_header(text, "X-Forwarded-Host", route.host);
+    append_header(text, "Connection", "close");
+    return text += "\r\n";
+}
+
+} // namespace relay

@@ -1,0 +1,354 @@
+#include "front/user_connection.h"
+
+#include "base/text.h"
+
+namespace relay {
+namespace {
+
+constexpr std::size_t read_bytes = 16 << 10;
+constexpr std::size_t write_bytes = 256 << 10;
+// The slowest user that is waited for, in bytes a second, after `patience`.
+constexpr std::size_t least_rate = 4096;
+// For a user to read the page before the connection is reset under what he still sends.
+constexpr std::chrono::seconds farewell{2};
+constexpr std::size_t farewell_bytes = 1 << 20;
+
+constexpr std::string_view head_end = "\r\n\r\n";
+constexpr std::string_view go_on = "HTTP/1.1 100 Continue\r\n\r\n";
+
+Clock::duration time_for(std::size_t bytes) {
+    return std::chrono::seconds(bytes / least_rate);
+}
+
+std::string_view view(const std::vector<char>& bytes) {
+    return {bytes.data(), bytes.size()};
+}
+
+PageReason unusable(std::string text) {
+    return {502, std::move(text), "unusable_answer"};
+}
+
+} // namespace
+
+UserConnection::UserConnection(Front& front, const Front::Services& services, Socket socket,
+                               TlsContext tls)
+    : front_(front), services_(services), options_(services.config.front),
+      stream_(std::move(socket), std::move(tls)),
+      deadline_(services.deadlines, [this] { stream_.close(); }), body_memory_(services.budget) {}
+
+Awaitable<void> UserConnection::run() {
+    const auto self = shared_from_this();
+    deadline_.set(options_.patience);
+    bool goes_on = co_await stream_.handshake();
+    while (goes_on)
+        goes_on = co_await serve_one();
+    if (unread_input_)
+        co_await linger();
+    stream_.close();
+    front_.ended(*this);
+}
+
+// False: the connection ends.
+Awaitable<bool> UserConnection::serve_one() {
+    Turn turn;
+    turn.parser.header_limit(static_cast<std::uint32_t>(options_.max_header_bytes));
+    turn.parser.body_limit(options_.max_body_bytes);
+    const bool has_head = co_await read_head(turn);
+    if (!has_head)
+        co_return false; // the user is gone, or never said anything
+    if (turn.page.status == 0)
+        turn.page = route(turn).value_or(PageReason{});
+    bool goes_on = true;
+    if (turn.page.status == 0)
+        goes_on = co_await read_body(turn);
+    if (goes_on && turn.page.status == 0)
+        goes_on = co_await relay(turn);
+    if (goes_on && turn.page.status != 0)
+        goes_on = co_await answer_page(turn);
+    account(turn);
+    body_memory_.resize(0);
+    goes_on = goes_on && turn.keep_alive;
+    co_return goes_on;
+}
+
+Awaitable<bool> UserConnection::read_more() {
+    const std::size_t before = input_.size();
+    input_.resize(before + read_bytes);
+    const auto count = co_await stream_.read_some(asio::buffer(input_.data() + before, read_bytes));
+    input_.resize(before + count);
+    co_return count > 0;
+}
+
+// Reads and parses a head; a head that is refused leaves a page in `turn`.
+Awaitable<bool> UserConnection::read_head(Turn& turn) {
+    deadline_.set(is_first_ ? options_.patience : options_.idle);
+    is_first_ = false;
+    std::size_t checked = 0;
+    while (true) {
+        if (checked == 0)
+            input_.erase(0, input_.find_first_not_of("\r\n")); // empty lines before a request
+        if (!input_.empty() && idle_) {
+            idle_ = false;
+            turn.began = Clock::now();
+            deadline_.set_at(turn.began + options_.patience);
+        }
+        const auto end = input_.find(head_end, checked > 3 ? checked - 3 : 0);
+        const auto head = std::string_view(input_).substr(
+            0, end == std::string::npos ? end : end + head_end.size());
+        turn.page = check_head_bytes(head, checked > 1 ? checked - 1 : 0).value_or(PageReason{});
+        if (turn.page.status == 0 && head.size() > options_.max_header_bytes)
+            turn.page = parse_error(http::error::header_limit);
+        if (turn.page.status != 0) {
+            unread_input_ = true;
+            co_return true;
+        }
+        if (end != std::string::npos)
+            co_return parse_head(turn, head.size());
+        checked = head.size();
+        if (idle_ && front_.is_draining())
+            co_return false;
+        const bool read = co_await read_more();
+        if (!read)
+            co_return false;
+    }
+}
+
+bool UserConnection::parse_head(Turn& turn, std::size_t head_bytes) {
+    error_code error;
+    turn.parser.put(asio::buffer(input_.data(), head_bytes), error);
+    input_.erase(0, head_bytes);
+    const auto& head = turn.parser.get();
+    turn.to_head = head.method() == http::verb::head;
+    if (error)
+        turn.page = parse_error(error);
+    else
+        turn.page = check_head(head).value_or(PageReason{});
+    unread_input_ = turn.page.status != 0;
+    turn.keep_alive = turn.parser.keep_alive() && !front_.is_draining();
+    return true;
+}
+
+std::optional<PageReason> UserConnection::route(Turn& turn) {
+    turn.route = route_of(turn.parser.get(), options_.base_domain);
+    unread_input_ = !turn.parser.is_done();
+    turn.keep_alive = turn.keep_alive && turn.parser.is_done();
+    if (!turn.route)
+        return PageReason{400, "The request's host or target is no valid one.", "bad_request"};
+    if (turn.route->device_id.empty())
+        return PageReason{404,
+                          "Devices are reached as <device id>." + options_.base_domain +
+                              ": put the device's id before this name.",
+                          "no_device_named"};
+    if (!services_.devices.find(turn.route->device_id))
+        return PageReason{404, "No device named \"" + turn.route->device_id + "\" is connected.",
+                          "unknown_device"};
+    if (services_.budget.is_spent())
+        return PageReason{503, "The relay has no memory left for this request. Try again soon.",
+                          "memory"};
+    return std::nullopt;
+}
+
+// The whole body is read before the device hears of the request: the device handles one at a time,
+// and a slow upload would hold up everybody else's.
+Awaitable<bool> UserConnection::read_body(Turn& turn) {
+    if (turn.parser.is_done())
+        co_return true;
+    const auto began = Clock::now();
+    error_code error;
+    const std::string_view expected = turn.parser.get()[http::field::expect];
+    if (input_.empty() && equals_ignoring_case(expected, "100-continue")) {
+        const bool written = co_await write(turn, go_on);
+        if (!written)
+            co_return false;
+    }
+    turn.parser.eager(true);
+    while (true) {
+        const auto taken = turn.parser.put(asio::buffer(input_), error);
+        input_.erase(0, taken);
+        turn.body_bytes += taken;
+        body_memory_.resize(turn.parser.get().body().size());
+        if (turn.parser.is_done())
+            break;
+        if (error && error != http::error::need_more) {
+            turn.page = parse_error(error);
+            co_return true;
+        }
+        if (services_.budget.is_spent()) {
+            turn.page = {503, "The relay has no memory left for this request.", "memory"};
+            co_return true;
+        }
+        deadline_.set_at(began + options_.patience + time_for(turn.body_bytes));
+        const bool read = co_await read_more();
+        if (!read)
+            co_return false;
+    }
+    unread_input_ = false;
+    turn.keep_alive = turn.parser.keep_alive() && !front_.is_draining();
+    co_return true;
+}
+
+std::shared_ptr<Exchange> UserConnection::submit(Turn& turn) {
+    const auto session = services_.devices.find(turn.route->device_id);
+    if (!session) {
+        turn.page = {502, "The device is no longer connected.", "device_gone"};
+        return nullptr;
+    }
+    const auto& request = turn.parser.get();
+    const bool has_body = turn.parser.chunked() || turn.parser.content_length().has_value();
+    const auto head =
+        device_head(request, *turn.route,
+                    {options_.device_host, stream_.address(), stream_.is_tls() ? "https" : "http"},
+                    request.body().size(), has_body);
+    auto packet = make_packet(PacketType::request, 0, head, request.body());
+    auto exchange = std::make_shared<Exchange>(
+        Exchange::Surroundings{services_.executor, services_.deadlines, services_.budget,
+                               options_.answer_buffer_bytes},
+        std::move(packet), services_.config.devices.answer);
+    turn.parser.get().body() = {};
+    body_memory_.resize(0);
+    exchange->user_is_there = [this] { return stream_.is_there(); };
+    if (session->submit(exchange))
+        return exchange;
+    turn.page = {503, "The device has too many requests open. Try again soon.", "device_busy"};
+    return nullptr;
+}
+
+Awaitable<bool> UserConnection::relay(Turn& turn) {
+    deadline_.clear(); // the exchange has its own
+    const auto exchange = submit(turn);
+    if (!exchange)
+        co_return true;
+    const auto state = co_await exchange->answered();
+    exchange->user_is_there = nullptr;
+    bool goes_on = true;
+    if (state == Exchange::State::timed_out)
+        turn.page = {504, "The device did not answer in time.", "time_out"};
+    else if (state == Exchange::State::gone)
+        turn.page = {502, "The device's connection ended before it answered.", "device_gone"};
+    else
+        goes_on = co_await relay_answer(turn, *exchange);
+    exchange->abandon();
+    co_return goes_on;
+}
+
+// Reads the answer's head, past interim ones, and goes on with the body.
+Awaitable<bool> UserConnection::relay_answer(Turn& turn, Exchange& exchange) {
+    std::string text;
+    std::vector<char> bytes;
+    std::uint64_t left = exchange.answer_size(); // behind `text`
+    std::optional<AnswerParser> parser;
+    while (true) {
+        const auto end = text.find(head_end);
+        if (end == std::string::npos) {
+            const bool more = co_await exchange.take(bytes);
+            if (!more || text.size() > max_answer_head_bytes) {
+                turn.page = unusable(text.empty() && exchange.answer_size() == 0
+                                         ? "The device's web server closed without an answer."
+                                         : "The device's answer has no complete header.");
+                co_return true;
+            }
+            text += view(bytes);
+            left -= bytes.size();
+            continue;
+        }
+        error_code error;
+        parser.emplace();
+        parser->body_limit(boost::none);
+        parser->header_limit(max_answer_head_bytes);
+        parser->skip(turn.to_head);
+        parser->put(asio::buffer(text.data(), end + head_end.size()), error);
+        text.erase(0, end + head_end.size());
+        if (error || !parser->is_header_done() || parser->get().result_int() == 101) {
+            turn.page = unusable("The device's answer is no valid HTTP response.");
+            co_return true;
+        }
+        if (parser->get().result_int() / 100 != 1)
+            break;
+    }
+    const auto framing = framing_of(*parser, turn.to_head, text.size() + left);
+    if (!framing) {
+        turn.page = unusable("The device's answer is shorter than it says.");
+        co_return true;
+    }
+    const bool may_chunk = turn.parser.get().version() == 11;
+    turn.keep_alive = turn.keep_alive && (framing->kind != BodyKind::chunked || may_chunk);
+    turn.status = parser->get().result_int();
+    auto head =
+        user_head(parser->get(), {*framing, turn.keep_alive, may_chunk},
+                  {options_.device_host, stream_.is_tls() ? "https" : "http", turn.route->host});
+    AnswerBody body(*parser, *framing, may_chunk);
+    co_return co_await relay_body(turn, exchange, body, std::move(head), text);
+}
+
+// Head and first bytes leave together, so a small answer is one write.
+Awaitable<bool> UserConnection::relay_body(Turn& turn, Exchange& exchange, AnswerBody& body,
+                                           std::string head, std::string_view rest) {
+    std::vector<char> bytes;
+    while (true) {
+        const auto piece = rest.substr(0, write_bytes);
+        rest.remove_prefix(piece.size());
+        // A body that breaks off ends the connection: the user must not take it for whole.
+        if (!body.convert(piece))
+            co_return false;
+        const bool written = co_await write(turn, head, body.output());
+        if (!written || body.is_done())
+            co_return written;
+        head.clear();
+        if (!rest.empty())
+            continue;
+        const bool more = co_await exchange.take(bytes);
+        if (!more)
+            co_return false;
+        rest = view(bytes);
+    }
+}
+
+Awaitable<bool> UserConnection::write(Turn& turn, std::string_view first, std::string_view second) {
+    const std::size_t size = first.size() + second.size();
+    if (size == 0)
+        co_return true;
+    deadline_.set(options_.patience + time_for(size));
+    const bool written = co_await stream_.write(first, second);
+    deadline_.clear();
+    turn.sent_bytes += written ? size : 0;
+    co_return written;
+}
+
+Awaitable<bool> UserConnection::answer_page(Turn& turn) {
+    turn.keep_alive = turn.keep_alive && !unread_input_;
+    turn.status = turn.page.status;
+    const auto page = make_page(turn.page, turn.keep_alive, !turn.to_head);
+    co_return co_await write(turn, page);
+}
+
+// Takes in what a refused user still sends, for a while, so that he can read the page.
+Awaitable<void> UserConnection::linger() {
+    deadline_.set(farewell);
+    stream_.end_output();
+    std::size_t received = 0;
+    bool read = true;
+    while (read && received < farewell_bytes) {
+        input_.clear();
+        read = co_await read_more();
+        received += input_.size();
+    }
+}
+
+void UserConnection::account(const Turn& turn) {
+    idle_ = true;
+    const auto duration = Clock::now() - turn.began;
+    Metrics& metrics = services_.metrics;
+    ++metrics.requests_by_status[turn.status];
+    if (turn.status != 0)
+        metrics.latency.add(duration);
+    const auto& request = turn.parser.get();
+    metrics.bytes_from_users += turn.body_bytes;
+    metrics.bytes_to_users += turn.sent_bytes;
+    services_.access_log.add({std::chrono::system_clock::now(), stream_.address(),
+                              turn.route ? std::string_view(turn.route->device_id) : "",
+                              std::string_view(request.method_string()),
+                              std::string_view(request.target()), turn.status, turn.body_bytes,
+                              turn.sent_bytes, duration, turn.page.note});
+}
+
+} // namespace relay

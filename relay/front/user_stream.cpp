@@ -1,0 +1,61 @@
+#include "front/user_stream.h"
+
+#include <boost/asio/write.hpp>
+
+#include <sys/socket.h>
+
+namespace relay {
+
+UserStream::UserStream(Socket socket, TlsContext tls)
+    : socket_(std::move(socket)), context_(std::move(tls)) {
+    if (context_)
+        tls_ = std::make_unique<TlsStream>(socket_, *context_);
+    error_code ignored;
+    address_ = socket_.remote_endpoint(ignored).address().to_string();
+    socket_.set_option(Tcp::no_delay(true), ignored);
+}
+
+Awaitable<bool> UserStream::handshake() {
+    error_code error;
+    if (tls_)
+        co_await tls_->async_handshake(asio::ssl::stream_base::server, into(error));
+    co_return !error;
+}
+
+Awaitable<std::size_t> UserStream::read_some(asio::mutable_buffer buffer) {
+    error_code error;
+    std::size_t count = 0;
+    if (tls_)
+        count = co_await tls_->async_read_some(buffer, into(error));
+    else
+        count = co_await socket_.async_read_some(buffer, into(error));
+    co_return error ? 0 : count;
+}
+
+Awaitable<bool> UserStream::write(std::string_view first, std::string_view second) {
+    const std::array<asio::const_buffer, 2> texts = {asio::buffer(first), asio::buffer(second)};
+    error_code error;
+    if (tls_)
+        co_await asio::async_write(*tls_, texts, into(error));
+    else
+        co_await asio::async_write(socket_, texts, into(error));
+    co_return !error;
+}
+
+bool UserStream::is_there() {
+    char byte;
+    return socket_.is_open() &&
+           recv(socket_.native_handle(), &byte, 1, MSG_PEEK | MSG_DONTWAIT) != 0;
+}
+
+void UserStream::end_output() {
+    error_code ignored;
+    socket_.shutdown(Socket::shutdown_send, ignored);
+}
+
+void UserStream::close() {
+    error_code ignored;
+    socket_.close(ignored);
+}
+
+} // namespace relay

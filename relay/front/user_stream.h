@@ -1,0 +1,38 @@
+// A user's connection, plain or TLS, as bytes.
+#pragma once
+
+#include "base/tls.h"
+
+#include <array>
+#include <memory>
+#include <string_view>
+
+namespace relay {
+
+class UserStream {
+public:
+    // `tls` null: plain HTTP.
+    UserStream(Socket socket, TlsContext tls);
+
+    bool is_tls() const { return tls_ != nullptr; }
+    const std::string& address() const { return address_; } // without port
+
+    Awaitable<bool> handshake();
+    // 0: the user is gone.
+    Awaitable<std::size_t> read_some(asio::mutable_buffer buffer);
+    // Both texts, one after the other. False: the user is gone.
+    Awaitable<bool> write(std::string_view first, std::string_view second = {});
+
+    // False when the user has hung up, as far as the system knows.
+    bool is_there();
+    void end_output();
+    void close();
+
+private:
+    Socket socket_;
+    TlsContext context_; // kept: a reload replaces the front's
+    std::unique_ptr<TlsStream> tls_;
+    std::string address_;
+};
+
+} // namespace relay

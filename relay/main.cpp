@@ -1,0 +1,97 @@
+// relay_server: where devices and their owners meet.
+
+#include "base/log.h"
+#include "relay.h"
+
+#include <cstdio>
+#include <string_view>
+
+#include <csignal>
+#include <sys/resource.h>
+
+namespace {
+
+constexpr char usage[] =
+    "usage: relay_server --config FILE [--check]\n"
+    "       relay_server --help | --version\n"
+    "\n"
+    "Relays HTTP requests of users to devices that keep a connection to it.\n"
+    "\n"
+    "  --config FILE   the configuration: JSON with comments, see relay_server.json\n"
+    "  --check         read every file that the configuration names, then end\n"
+    "\n"
+    "SIGHUP reads certificates, policy and token again; SIGTERM lets open requests finish.\n";
+
+// A wrong command line or file: one sentence, and the status says so.
+int fail(const std::string& sentence) {
+    std::fprintf(stderr, "relay_server: %s\n", sentence.c_str());
+    return 2;
+}
+
+struct Options {
+    const char* config = nullptr;
+    bool check = false;
+    bool help = false;
+    bool version = false;
+};
+
+// Empty, or what is wrong.
+std::string parse(int count, char** arguments, Options& options) {
+    for (int i = 1; i < count; ++i) {
+        const std::string_view argument = arguments[i];
+        if (argument == "--config" && i + 1 < count)
+            options.config = arguments[++i];
+        else if (argument == "--config")
+            return "--config wants a file";
+        else if (argument == "--check")
+            options.check = true;
+        else if (argument == "--help")
+            options.help = true;
+        else if (argument == "--version")
+            options.version = true;
+        else
+            return "unknown argument \"" + std::string(argument) + "\"; --help lists what there is";
+    }
+    if (!options.config && !options.help && !options.version)
+        return "no configuration given; --help says how";
+    return {};
+}
+
+// A connection is a descriptor; the system's usual soft limit of 1024 is for programs that select.
+void raise_descriptor_limit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
+} // namespace
+
+int main(int count, char** arguments) {
+    Options options;
+    std::string error = parse(count, arguments, options);
+    if (!error.empty())
+        return fail(error);
+    if (options.help || options.version) {
+        std::fputs(options.help ? usage : "relay_server " RELAY_VERSION "\n", stdout);
+        return 0;
+    }
+    auto config = relay::load_config(options.config, error);
+    if (!config)
+        return fail(error);
+
+    std::signal(SIGPIPE, SIG_IGN); // of a log that nobody reads; sockets say it by error
+    raise_descriptor_limit();
+    relay::Relay relay(std::move(*config));
+    if (!relay.load(error))
+        return fail(error);
+    if (options.check) {
+        std::puts("relay_server: the configuration and the files it names are in order");
+        return 0;
+    }
+    if (!relay.listen(error))
+        return fail(error);
+    relay.run();
+    return 0;
+}

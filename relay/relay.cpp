@@ -1,0 +1,94 @@
+#include "relay.h"
+
+#include "base/log.h"
+
+#include <csignal>
+
+namespace relay {
+
+Relay::Relay(Config config)
+    : config_(std::move(config)),
+      deadlines_(context_.get_executor()), budget_{config_.memory_bytes},
+      devices_(context_.get_executor(), config_, deadlines_, metrics_),
+      front_(
+          {context_.get_executor(), config_, deadlines_, budget_, metrics_, access_log_, devices_}),
+      admin_({context_.get_executor(), config_, deadlines_, budget_, metrics_, devices_,
+              front_port_, draining_}),
+      signals_(context_, SIGTERM, SIGINT, SIGHUP), drained_(deadlines_, [this] { end(); }) {}
+
+bool Relay::load(std::string& error) {
+    return devices_.load(error) && front_.load(error) && admin_.load(error) &&
+           access_log_.open(config_.access_log, error);
+}
+
+bool Relay::listen(std::string& error) {
+    if (!devices_.listen(error) || !front_.listen(error) || !admin_.listen(error))
+        return false;
+    front_port_ = front_.port();
+    log::info("devices connect to ", config_.devices.listen.host, " port ", devices_.port());
+    log::info("users come to ", config_.front.listen.host, " port ", front_port_);
+    log::info("operators come to ", config_.admin.listen.host, " port ", admin_.port());
+    return true;
+}
+
+void Relay::run() {
+    deadlines_.start([this] { each_sweep(); });
+    wait_for_signal();
+    context_.run();
+    log::info("ended");
+}
+
+void Relay::wait_for_signal() {
+    signals_.async_wait([this](error_code error, int number) {
+        if (error)
+            return;
+        if (number == SIGHUP)
+            reload();
+        else if (draining_)
+            return end(); // asked twice
+        else
+            drain();
+        wait_for_signal();
+    });
+}
+
+// Each part on its own: a mistake in one file keeps nothing else from being taken over.
+void Relay::reload() {
+    std::string error;
+    bool all_well = true;
+    const auto check = [&](bool loaded) {
+        if (!loaded)
+            log::error("not reloaded: ", error);
+        all_well = all_well && loaded;
+    };
+    check(devices_.reload(error));
+    check(front_.load(error));
+    check(admin_.load(error));
+    check(access_log_.open(config_.access_log, error));
+    if (all_well)
+        log::info("reloaded certificates, policy, token and access log");
+}
+
+void Relay::drain() {
+    log::info("draining: nobody comes in, open requests have ", config_.drain.count(), " s");
+    draining_ = true;
+    devices_.drain();
+    front_.drain();
+    drained_.set(config_.drain);
+}
+
+void Relay::each_sweep() {
+    access_log_.flush();
+    if (draining_ && front_.is_idle())
+        end();
+}
+
+void Relay::end() {
+    front_.close_all();
+    devices_.close_all();
+    admin_.close();
+    access_log_.flush();
+    context_.stop();
+}
+
+} // namespace relay

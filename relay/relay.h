@@ -1,0 +1,47 @@
+// The relay: its three listeners and what they share, started, reloaded, drained and ended as one.
+#pragma once
+
+#include "admin/admin.h"
+#include "base/access_log.h"
+#include "base/config.h"
+#include "front/front.h"
+
+#include <boost/asio/signal_set.hpp>
+
+#include <string>
+
+namespace relay {
+
+class Relay {
+public:
+    explicit Relay(Config config);
+
+    // Reads every file that the configuration names. False: `error` says what is wrong with one.
+    bool load(std::string& error);
+    bool listen(std::string& error);
+    // Serves until SIGTERM or SIGINT and the drain after it.
+    void run();
+
+private:
+    void wait_for_signal();
+    void reload();
+    void drain();
+    void each_sweep();
+    void end();
+
+    const Config config_;
+    asio::io_context context_{1};
+    Deadlines deadlines_;
+    MemoryBudget budget_;
+    Metrics metrics_;
+    AccessLog access_log_;
+    Devices devices_;
+    Front front_;
+    std::uint16_t front_port_ = 0;
+    bool draining_ = false;
+    Admin admin_;
+    asio::signal_set signals_;
+    Deadline drained_; // no later than this
+};
+
+} // namespace relay
