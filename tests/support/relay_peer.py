@@ -73,13 +73,17 @@ def is_readable(stream, within):
 class Relay:
     """A listening relay. Use it as a context manager, or call close()."""
 
-    def __init__(self, certificate, version=None, address="127.0.0.1", listener=None):
+    def __init__(self, certificate, version=None, address="127.0.0.1", listener=None,
+                 secrets=None):
         """`version`: the only ssl.TLSVersion to offer; 1.2 and 1.3 without it.
-        `listener`: a listening socket to use instead of a new one at `address`."""
+        `listener`: a listening socket to use instead of a new one at `address`.
+        `secrets`: a file that gets the sessions' keys, for whoever records them."""
         self._context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         self._context.load_cert_chain(certificate.certificate, certificate.key)
         self._context.minimum_version = version or ssl.TLSVersion.TLSv1_2
         self._context.maximum_version = version or ssl.TLSVersion.TLSv1_3
+        if secrets:
+            self._context.keylog_filename = str(secrets)
         self._listener = listener or socket.create_server((address, 0), backlog=128)
         self.address, self.port = self._listener.getsockname()
         self._sessions = []
@@ -118,17 +122,17 @@ class Relay:
 
 
 class Session:
-    """One TLS connection, from the relay's side.
+    """One TLS connection, from the relay's side; device_peer takes the other side.
 
     TLS runs over memory buffers, so that a test decides which bytes share a TLS record and which
     share a segment.
     """
 
-    def __init__(self, connection, context, within=PATIENCE_S):
+    def __init__(self, connection, context, within=PATIENCE_S, server_side=True):
         self._connection = connection
         self._arrived = ssl.MemoryBIO()
         self._leaving = ssl.MemoryBIO()
-        self._tls = context.wrap_bio(self._arrived, self._leaving, server_side=True)
+        self._tls = context.wrap_bio(self._arrived, self._leaving, server_side)
         self._tls_lock = threading.Lock()    # the TLS state; never held while waiting
         self._order_lock = threading.Lock()  # keeps records in the order they were made
         self._wait_for(self._tls.do_handshake, within)
@@ -165,12 +169,16 @@ class Session:
     def _take_in(self, deadline, within):
         if not is_readable(self._connection, deadline - time.monotonic()):
             raise NothingCame(f"the daemon sent nothing within {within} s")
-        data = self._connection.recv(262144)
+        data = self._receive()
         with self._tls_lock:
             if data:
                 self._arrived.write(data)
             else:
                 self._arrived.write_eof()
+
+    def _receive(self):
+        """What has arrived, still encrypted."""
+        return self._connection.recv(262144)
 
     # --- sending ---
 
