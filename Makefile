@@ -42,9 +42,11 @@ memcheck: setup-checks build ## run the daemon's black-box suite under valgrind
 demo: build ## relay a page of a real web server on this machine (ONCE=1: end after the page)
 	@CRC_BIN=$(CURDIR)/$(BUILD)/bin $(PYTHON) demo/demo.py $(if $(ONCE),--once)
 
-bench: setup-checks build ## measure: the bus, and the daemon's size, memory and CPU
+bench: setup-checks build ## measure: the daemon, the whole chain beside other tunnels, the relay, the bus
+	@CRC_BIN=$(CURDIR)/$(BUILD)/bin $(PYTHON) tests/support/measure.py --json $(BUILD)/daemon.json
+	@CRC_BIN=$(CURDIR)/$(BUILD)/bin $(PYTHON) bench/chain.py --json $(BUILD)/chain.json
+	@CRC_BIN=$(CURDIR)/$(BUILD)/bin $(PYTHON) bench/relay_bench.py --json $(BUILD)/relay.json
 	@$(BUILD)/bin/bus_bench
-	@CRC_BIN=$(CURDIR)/$(BUILD)/bin $(PYTHON) tests/support/measure.py
 
 format: setup-checks ## format the sources
 	@clang-format-14 -i $(SOURCES)
@@ -52,7 +54,7 @@ format: setup-checks ## format the sources
 lint: setup-checks build ## check format, common mistakes and scripts; changes nothing
 	@clang-format-14 --dry-run --Werror $(SOURCES)
 	@shellcheck $(SCRIPTS)
-	@run-clang-tidy-14 -quiet -p $(BUILD) -j $(JOBS) '^$(CURDIR)/(src|bus|relay)/.*\.cpp$$' 2>/dev/null
+	@run-clang-tidy-14 -quiet -p $(BUILD) -j $(JOBS) '^$(CURDIR)/(src|bus|supervisor)/.*\.cpp$$' 2>/dev/null
 
 clean: ## remove everything that was built
 	rm -rf build

@@ -5,8 +5,8 @@
 Brings up, in a private mount namespace and on free loopback ports, so that nothing on the machine
 changes, a router (bus, identity services, configuration, web server with a small page) and
 relay_server; starts the daemon, points it at the relay with a real `reload`, and fetches the page
-as an owner would. Stays up until Ctrl-C; with --once it ends after the fetch, with status 0 only if
-the page that came is the page that is served.
+as an owner would. With --once it ends there, with status 0 only if the page that came is the page
+that is served. Else the supervisor keeps the session up until Ctrl-C: kill what you like.
 """
 
 import argparse
@@ -22,8 +22,10 @@ from certificates import Authority  # noqa: E402
 from daemon import OBJECT, Daemon  # noqa: E402
 from relay_server import ADDRESS, RelayServer  # noqa: E402
 from router import Router, prepare  # noqa: E402
+from supervised import Supervisor  # noqa: E402
 from web_peer import Lighttpd  # noqa: E402
 
+LOOK_S = 0.3
 PAGES = TREE / "demo" / "www"
 
 
@@ -52,7 +54,21 @@ def fetch(relay, device_id):
 
 def show_addresses(relay, device_id):
     print(f"\n  dashboard        http://{ADDRESS}:{relay.admin_port}/"
-          f"\n  the router       http://{relay.host(device_id)}/\n\nCtrl-C ends it.", flush=True)
+          f"\n  the router       http://{relay.host(device_id)}/"
+          f"\n\nKill the relay (process {relay.pid}) and see it come back. Ctrl-C ends it.",
+          flush=True)
+
+
+def stay_up(home, relay, supervisor):
+    """Plays whoever starts relay and bus again on a real machine; sessions are the supervisor's."""
+    supervisor.configure(f"{ADDRESS}:{relay.device_port}").start()
+    while True:
+        time.sleep(LOOK_S)
+        if relay.has_ended:
+            say(f"the relay has ended; it runs again as process {relay.restart().pid}")
+        if home.bus_has_ended:
+            home.restart_bus()
+            say("the bus has ended; it runs again")
 
 
 def play(once, places, daemon):
@@ -65,15 +81,20 @@ def play(once, places, daemon):
         say(f"the router is up; ubus call {OBJECT} reload")
         if daemon.reload(ADDRESS, relay.device_port).status != 0:
             sys.exit("demo: the reload was refused")
-        device_id = home.identity.answers["get_device_id"]["device_id"]
+        device_id = home.identity.device_id
         relay.wait_for_device(device_id)
         say("the device is connected; this is its page, fetched through the relay:")
         page, seconds = fetch(relay, device_id)
         print(page)
         say(f"it came from the router's web server in {seconds * 1000:.1f} ms")
-        if not once:
-            show_addresses(relay, device_id)
-            signal.pause()
+        if once:
+            return
+        show_addresses(relay, device_id)
+        supervisor = Supervisor(home)
+        try:
+            stay_up(home, relay, supervisor)
+        finally:
+            supervisor.finish()
 
 
 def main():
@@ -88,8 +109,7 @@ def main():
     except KeyboardInterrupt:
         print()
     finally:
-        if daemon.log is not None:
-            daemon.finish()
+        daemon.finish()
 
 
 if __name__ == "__main__":

@@ -5,11 +5,16 @@
 #include <csignal>
 
 namespace relay {
+namespace {
+
+constexpr std::chrono::seconds farewell{2};
+
+} // namespace
 
 Relay::Relay(Config config)
     : config_(std::move(config)),
       deadlines_(context_.get_executor()), budget_{config_.memory_bytes},
-      devices_(context_.get_executor(), config_, deadlines_, metrics_),
+      devices_(context_.get_executor(), config_, deadlines_, budget_, metrics_),
       front_(
           {context_.get_executor(), config_, deadlines_, budget_, metrics_, access_log_, devices_}),
       admin_({context_.get_executor(), config_, deadlines_, budget_, metrics_, devices_,
@@ -17,8 +22,8 @@ Relay::Relay(Config config)
       signals_(context_, SIGTERM, SIGINT, SIGHUP), drained_(deadlines_, [this] { end(); }) {}
 
 bool Relay::load(std::string& error) {
-    return devices_.load(error) && front_.load(error) && admin_.load(error) &&
-           access_log_.open(config_.access_log, error);
+    return devices_.load_certificate(error) && devices_.load_policy(error) && front_.load(error) &&
+           admin_.load(error) && access_log_.open(config_.access_log, error);
 }
 
 bool Relay::listen(std::string& error) {
@@ -35,6 +40,9 @@ void Relay::run() {
     deadlines_.start([this] { each_sweep(); });
     wait_for_signal();
     context_.run();
+    // Everything is closed; what still ran to its end on that gives back what it holds.
+    context_.restart();
+    context_.run_for(farewell);
     log::info("ended");
 }
 
@@ -48,7 +56,8 @@ void Relay::wait_for_signal() {
             return end(); // asked twice
         else
             drain();
-        wait_for_signal();
+        if (!context_.stopped())
+            wait_for_signal();
     });
 }
 
@@ -61,7 +70,8 @@ void Relay::reload() {
             log::error("not reloaded: ", error);
         all_well = all_well && loaded;
     };
-    check(devices_.reload(error));
+    check(devices_.load_certificate(error));
+    check(devices_.load_policy(error));
     check(front_.load(error));
     check(admin_.load(error));
     check(access_log_.open(config_.access_log, error));
@@ -75,6 +85,8 @@ void Relay::drain() {
     devices_.drain();
     front_.drain();
     drained_.set(config_.drain);
+    if (front_.is_idle())
+        end();
 }
 
 void Relay::each_sweep() {
@@ -86,8 +98,10 @@ void Relay::each_sweep() {
 void Relay::end() {
     front_.close_all();
     devices_.close_all();
-    admin_.close();
+    admin_.close_all();
     access_log_.flush();
+    deadlines_.stop();
+    signals_.cancel();
     context_.stop();
 }
 

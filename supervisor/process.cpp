@@ -65,11 +65,14 @@ bool runs(int process, const char* name) {
     return strcmp(slash == nullptr ? path : slash + 1, name) == 0;
 }
 
-bool uses_our_network(int process) {
+// `space`: "ns/net" for the network, "ns/mnt" for the files it sees.
+bool shares(int process, const char* space) {
+    char entry[ENTRY_SIZE];
     char theirs[ENTRY_SIZE];
     char ours[ENTRY_SIZE];
-    return read_link(process, "ns/net", theirs, sizeof theirs) &&
-           read_link(AT_FDCWD, "/proc/self/ns/net", ours, sizeof ours) && strcmp(theirs, ours) == 0;
+    snprintf(entry, sizeof entry, "/proc/self/%s", space);
+    return read_link(process, space, theirs, sizeof theirs) &&
+           read_link(AT_FDCWD, entry, ours, sizeof ours) && strcmp(theirs, ours) == 0;
 }
 
 // The owner of the folder does not tell: the kernel gives it to root when a process hides its
@@ -92,6 +95,7 @@ int process_find(const char* name) {
     if (all == nullptr) {
         return NO_PROCESS;
     }
+    int best = NO_PROCESS;
     for (int pid = next_number(all.get()); pid >= 0; pid = next_number(all.get())) {
         char entry[ENTRY_SIZE];
         snprintf(entry, sizeof entry, "%d", pid);
@@ -99,12 +103,21 @@ int process_find(const char* name) {
         if (process < 0) {
             continue; // it ended meanwhile
         }
-        if (runs(process, name) && is_trusted(process) && uses_our_network(process)) {
-            return process;
+        bool isOne = runs(process, name) && is_trusted(process) && shares(process, "ns/net");
+        bool seesOurFiles = isOne && shares(process, "ns/mnt");
+        if (!isOne || (best != NO_PROCESS && !seesOurFiles)) {
+            close(process);
+            continue;
         }
-        close(process);
+        if (best != NO_PROCESS) {
+            close(best);
+        }
+        best = process;
+        if (seesOurFiles) {
+            break;
+        }
     }
-    return NO_PROCESS;
+    return best;
 }
 
 bool process_is_alive(int process) {

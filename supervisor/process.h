@@ -13,8 +13,9 @@ constexpr int NO_PROCESS = -1;
 
 // Opens the folder of the process that runs the program `name` (the last part of the path of its
 // executable file), belongs to root or to our user, and uses our network: what another container
-// runs is none of ours. The smallest process id wins. Returns a descriptor, which the caller
-// closes, or NO_PROCESS.
+// runs is none of ours. Of several, one that sees the same files as we do wins: on a machine with
+// two buses it is the one on ours. Else it is the smallest process id, for a daemon in a jail sees
+// other files. Returns a descriptor, which the caller closes, or NO_PROCESS.
 int process_find(const char* name);
 
 bool process_is_alive(int process);

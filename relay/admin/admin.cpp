@@ -114,9 +114,11 @@ std::uint16_t Admin::port() const {
     return acceptor_.local_endpoint(ignored).port();
 }
 
-void Admin::close() {
+void Admin::close_all() {
     error_code ignored;
     acceptor_.close(ignored);
+    for (Socket* const socket : connections_)
+        socket->close(ignored);
 }
 
 Awaitable<void> Admin::accept() {
@@ -129,14 +131,16 @@ Awaitable<void> Admin::accept() {
 }
 
 void Admin::welcome(Socket socket) {
-    if (connections_ >= max_connections)
+    if (connections_.size() >= max_connections)
         return; // closes it
-    ++connections_;
-    spawn(services_.executor, serve(std::move(socket)), [this] { --connections_; });
+    const auto connection = std::make_shared<Socket>(std::move(socket));
+    connections_.insert(connection.get());
+    spawn(services_.executor, serve(connection),
+          [this, connection] { connections_.erase(connection.get()); });
 }
 
-Awaitable<void> Admin::serve(Socket socket) {
-    Deadline deadline(services_.deadlines, [&socket] { socket.close(); });
+Awaitable<void> Admin::serve(std::shared_ptr<Socket> socket) {
+    Deadline deadline(services_.deadlines, [&socket] { socket->close(); });
     boost::beast::flat_buffer buffer;
     error_code error;
     for (bool goes_on = true; goes_on;) {
@@ -144,7 +148,7 @@ Awaitable<void> Admin::serve(Socket socket) {
         parser.header_limit(max_request_bytes);
         parser.body_limit(max_request_bytes);
         deadline.set(idle);
-        co_await http::async_read(socket, buffer, parser, into(error));
+        co_await http::async_read(*socket, buffer, parser, into(error));
         if (error)
             break;
         const Request request = parser.release();
@@ -159,10 +163,10 @@ Awaitable<void> Admin::serve(Socket socket) {
         if (request.method() == http::verb::head)
             response.body().clear();
         deadline.set(patience);
-        co_await http::async_write(socket, response, into(error));
+        co_await http::async_write(*socket, response, into(error));
         goes_on = goes_on && !error;
     }
-    --connections_;
+    connections_.erase(socket.get());
 }
 
 bool Admin::is_allowed(const Request& request) const {

@@ -23,6 +23,8 @@
 #include <boost/asio/basic_socket_acceptor.hpp>
 
 #include <cstdint>
+#include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -50,12 +52,12 @@ public:
     bool load(std::string& error);
     bool listen(std::string& error);
     std::uint16_t port() const;
-    void close();
+    void close_all();
 
 private:
     Awaitable<void> accept();
     void welcome(Socket socket);
-    Awaitable<void> serve(Socket socket);
+    Awaitable<void> serve(std::shared_ptr<Socket> socket);
     Awaitable<void> answer(const Request& request, Response& response);
     Awaitable<void> web_token(std::string device_id, Response& response);
     bool is_allowed(const Request& request) const;
@@ -64,7 +66,7 @@ private:
     Services services_;
     std::string token_;
     Acceptor acceptor_;
-    std::size_t connections_ = 0;
+    std::set<Socket*> connections_;
 };
 
 } // namespace relay

@@ -1,15 +1,15 @@
 #include "admin/prometheus.h"
 
-#include <cstdio>
+#include <charconv>
 #include <string_view>
 
 namespace relay {
 namespace {
 
+// All its digits: a counter that is rounded stands still and jumps.
 std::string number(double value) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.10g", value);
-    return text;
+    char text[64];
+    return {text, std::to_chars(text, text + sizeof text, value, std::chars_format::fixed).ptr};
 }
 
 class Page {

@@ -16,11 +16,27 @@ namespace {
 
 constexpr std::size_t flush_bytes = 64 << 10;
 
+// A target may hold any bytes, JSON only UTF-8: bytes that are no ASCII are written as the
+// characters of Latin-1.
+std::string quoted(std::string_view text) {
+    std::string result;
+    for (const char c :
+         boost::json::serialize(boost::json::string_view(text.data(), text.size()))) {
+        const auto byte = static_cast<unsigned char>(c);
+        char escape[8];
+        if (byte < 0x80)
+            result += c;
+        else
+            result.append(escape, std::snprintf(escape, sizeof escape, "\\u%04x", byte));
+    }
+    return result;
+}
+
 void append(std::string& line, std::string_view key, std::string_view text) {
     line += ",\"";
     line += key;
     line += "\":";
-    line += boost::json::serialize(boost::json::string_view(text.data(), text.size()));
+    line += quoted(text);
 }
 
 void append(std::string& line, std::string_view key, std::uint64_t number) {

@@ -45,11 +45,11 @@ void read_listen(JsonReader& reader, ListenAddress& target) {
         reader.fail("listen", "must be a numeric address and a port, such as \"127.0.0.1:8080\"");
 }
 
-// A path in the file counts from the file's own folder.
+// A path in the file counts from the file's own folder; "-" is none.
 void read_path(JsonReader& reader, std::string_view key, const std::string& folder,
                std::string& target) {
     reader.text(key, target);
-    if (!target.empty() && target.front() != '/')
+    if (!target.empty() && target != "-" && target.front() != '/')
         target = folder + target;
 }
 
@@ -141,7 +141,7 @@ std::optional<Config> load_config(const std::string& path, std::string& error) {
     read_devices(section("devices"), folder, config.devices, error);
     read_front(section("front"), folder, config.front, error);
     read_admin(section("admin"), folder, config.admin, error);
-    reader.text("access_log", config.access_log);
+    read_path(reader, "access_log", folder, config.access_log);
     reader.number("memory_bytes", config.memory_bytes, 1 << 20, std::uint64_t{1} << 40);
     reader.seconds("drain_s", config.drain, 0, most_seconds);
     reader.finish();

@@ -15,6 +15,8 @@ Deadline::Deadline(Deadlines& deadlines, std::function<void()> on_passed)
 }
 
 Deadline::~Deadline() {
+    if (!is_linked())
+        return; // the list has gone first: coroutines that never ended go with the context
     const auto self = Deadlines::List::s_iterator_to(*this);
     if (deadlines_.next_ == self)
         ++deadlines_.next_;
@@ -29,11 +31,12 @@ void Deadlines::start(std::function<void()> each_time) {
 void Deadlines::wait() {
     timer_.expires_after(sweep_interval);
     timer_.async_wait([this](error_code error) {
-        if (error)
-            return; // stopped
+        if (error || stopped_)
+            return;
         sweep();
         each_time_();
-        wait();
+        if (!stopped_)
+            wait();
     });
 }
 

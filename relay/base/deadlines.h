@@ -42,7 +42,10 @@ public:
 
     // Sweeps until stop(); `each_time` is called after each sweep.
     void start(std::function<void()> each_time);
-    void stop() { timer_.cancel(); }
+    void stop() {
+        stopped_ = true; // a sweep that is due already is none any more
+        timer_.cancel();
+    }
 
 private:
     friend class Deadline;
@@ -52,6 +55,7 @@ private:
     void sweep();
 
     Timer timer_;
+    bool stopped_ = false;
     List list_;
     List::iterator next_ = list_.end(); // where the sweep goes on; kept valid by ~Deadline
     std::function<void()> each_time_;

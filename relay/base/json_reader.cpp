@@ -4,10 +4,10 @@
 #include <boost/json/stream_parser.hpp>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 
 namespace relay {
 
@@ -16,10 +16,11 @@ namespace json = boost::json;
 std::optional<std::string> read_file(const std::string& path, std::string& error) {
     std::ifstream file(path, std::ios::binary);
     std::string text;
-    if (file)
-        text.assign(std::istreambuf_iterator<char>(file), {});
+    std::array<char, 4096> piece;
+    while (file.read(piece.data(), piece.size()) || file.gcount() > 0)
+        text.append(piece.data(), static_cast<std::size_t>(file.gcount()));
     // A folder opens but cannot be read.
-    if (!file || file.bad()) {
+    if (!file.is_open() || file.bad()) {
         error = path + " cannot be read: " + std::strerror(errno);
         return std::nullopt;
     }

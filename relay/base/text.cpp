@@ -31,10 +31,16 @@ std::string_view trimmed(std::string_view text) {
     return text.substr(first, text.find_last_not_of(" \t") - first + 1);
 }
 
+std::string to_text(const asio::ip::address& address) {
+    if (address.is_v6() && address.to_v6().is_v4_mapped())
+        return asio::ip::make_address_v4(asio::ip::v4_mapped, address.to_v6()).to_string();
+    return address.to_string();
+}
+
 std::string to_text(const Tcp::endpoint& endpoint) {
-    const auto address = endpoint.address();
-    const std::string host =
-        address.is_v6() ? "[" + address.to_string() + "]" : address.to_string();
+    std::string host = to_text(endpoint.address());
+    if (host.find(':') != std::string::npos)
+        host = "[" + host + "]";
     return host + ":" + std::to_string(endpoint.port());
 }
 

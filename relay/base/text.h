@@ -15,6 +15,8 @@ bool equals_ignoring_case(std::string_view a, std::string_view b);
 
 std::string_view trimmed(std::string_view text); // without blanks and tabs at its ends
 
+// "192.0.2.1", also when it came in on an IPv6 socket; "2001:db8::1".
+std::string to_text(const asio::ip::address& address);
 // "192.0.2.1:443", "[2001:db8::1]:443".
 std::string to_text(const Tcp::endpoint& endpoint);
 

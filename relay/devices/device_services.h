@@ -27,6 +27,7 @@ public:
 struct DeviceServices {
     const DeviceOptions& options;
     Deadlines& deadlines;
+    MemoryBudget& budget;
     Metrics& metrics;
     DeviceDirectory& directory;
     std::chrono::seconds hold; // how long one answer may hold up a device in all

@@ -40,7 +40,8 @@ DeviceSession::DeviceSession(DeviceServices& services, Socket socket, TlsContext
                        return close("it was silent for too long");
                    refuse(refusal_, refused_why_);
                }),
-      writing_(services.deadlines, [this] { close("it takes no bytes"); }) {
+      writing_(services.deadlines, [this] { close("it takes no bytes"); }),
+      unsent_(services.budget) {
     error_code ignored;
     address_ = to_text(socket_.remote_endpoint(ignored));
     socket_.set_option(Tcp::no_delay(true), ignored);
@@ -189,16 +190,15 @@ Awaitable<bool> DeviceSession::handle(const PacketHeader& header) {
 // The slot is free as soon as its answer begins: the device has done with the request, and the
 // next one travels while the answer comes.
 Awaitable<bool> DeviceSession::receive_answer(const PacketHeader& header) {
-    std::shared_ptr<Exchange> exchange;
     if (const auto slot = out_.find(header.id); slot != out_.end()) {
-        exchange = std::move(slot->second.exchange);
+        answering_ = std::move(slot->second.exchange);
         out_.erase(slot);
     }
     pump();
-    if (exchange && !exchange->is_open())
-        exchange = nullptr; // given up
-    if (exchange)
-        exchange->begin(header.length);
+    if (answering_ && !answering_->is_open())
+        answering_ = nullptr; // given up
+    if (answering_)
+        answering_->begin(header.length);
     else
         ++services_.metrics.late_answers;
 
@@ -206,22 +206,23 @@ Awaitable<bool> DeviceSession::receive_answer(const PacketHeader& header) {
     std::size_t left = header.length;
     while (left > 0) {
         const bool filled = co_await fill_if_empty();
-        if (!filled) {
-            if (exchange)
-                exchange->fail(Exchange::State::gone);
-            co_return false;
-        }
+        if (!filled)
+            break;
         const auto bytes = consume(left);
         left -= bytes.size();
-        if (!exchange)
+        if (!answering_)
             continue;
-        const bool taken = co_await give(*exchange, bytes, hold);
+        const bool taken = co_await give(*answering_, bytes, hold);
         if (!taken)
-            exchange = nullptr; // the rest is dropped
+            answering_ = nullptr; // the rest is dropped
     }
-    if (exchange)
-        exchange->complete();
-    co_return !closed_;
+    const bool is_whole = left == 0;
+    if (answering_ && is_whole)
+        answering_->complete();
+    else if (answering_)
+        answering_->fail(Exchange::State::gone);
+    answering_ = nullptr;
+    co_return is_whole && !closed_;
 }
 
 // False when the user was too slow for too long.
@@ -306,6 +307,7 @@ void DeviceSession::send(std::string packet) {
         return;
     figures_.bytes_out += packet.size();
     services_.metrics.bytes_to_devices += packet.size();
+    unsent_.resize(unsent_.bytes() + packet.size());
     output_.push_back(std::move(packet));
     if (output_.size() == 1)
         write_next();
@@ -321,6 +323,7 @@ void DeviceSession::write_next() {
                 return close(error.message());
             written_ += count;
             if (written_ == output_.front().size()) {
+                unsent_.resize(unsent_.bytes() - written_);
                 output_.pop_front();
                 written_ = 0;
             }
@@ -357,7 +360,7 @@ void DeviceSession::pump() {
         waiting_.pop_front();
         if (!exchange->is_open())
             continue;
-        if (exchange->user_is_there())
+        if (!exchange->user_is_there || exchange->user_is_there())
             send_out(std::move(exchange));
         else
             exchange->fail(Exchange::State::gone);
@@ -391,6 +394,8 @@ void DeviceSession::expire(std::uint16_t id) {
 }
 
 void DeviceSession::fail_all(Exchange::State state) {
+    if (answering_)
+        answering_->fail(state);
     for (auto& [id, slot] : std::exchange(out_, {}))
         slot.exchange->fail(state);
     for (auto& exchange : std::exchange(waiting_, {}))

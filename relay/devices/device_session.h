@@ -101,9 +101,11 @@ private:
     std::deque<std::shared_ptr<Exchange>> waiting_;
     std::unordered_map<std::uint16_t, Slot> out_;
     std::uint16_t last_id_ = 0;
+    std::shared_ptr<Exchange> answering_; // its answer is being received
 
     Deadline reading_; // hello, then silence
     Deadline writing_;
+    Reservation unsent_; // of output_
 };
 
 } // namespace relay

@@ -7,27 +7,27 @@
 
 namespace relay {
 
-Devices::Devices(Executor executor, const Config& config, Deadlines& deadlines, Metrics& metrics)
+Devices::Devices(Executor executor, const Config& config, Deadlines& deadlines,
+                 MemoryBudget& budget, Metrics& metrics)
     : executor_(executor), options_(config.devices),
-      metrics_(metrics), services_{config.devices, deadlines, metrics, *this, config.front.hold},
+      metrics_(metrics), services_{config.devices, deadlines, budget,
+                                   metrics,        *this,     config.front.hold},
       acceptor_(executor) {}
 
-bool Devices::load(std::string& error) {
-    auto policy = load_policy(options_.policy, error);
-    if (!policy)
-        return false;
+bool Devices::load_certificate(std::string& error) {
     auto tls = make_tls_context(options_.certificate, options_.key, error);
     if (!tls)
         return false;
     prefer_ciphers_of_small_processors(*tls);
-    policy_ = std::move(*policy);
     tls_ = std::move(tls);
     return true;
 }
 
-bool Devices::reload(std::string& error) {
-    if (!load(error))
+bool Devices::load_policy(std::string& error) {
+    auto policy = relay::load_policy(options_.policy, error);
+    if (!policy)
         return false;
+    policy_ = std::move(*policy);
     for (const auto& [key, session] : sessions_)
         if (!policy_.objection(session->hello()).empty())
             session->close("the policy does not admit it any more");

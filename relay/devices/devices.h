@@ -18,12 +18,13 @@ namespace relay {
 
 class Devices final : private DeviceDirectory {
 public:
-    Devices(Executor executor, const Config& config, Deadlines& deadlines, Metrics& metrics);
+    Devices(Executor executor, const Config& config, Deadlines& deadlines, MemoryBudget& budget,
+            Metrics& metrics);
 
-    // Reads policy and certificate. False: nothing has changed, and `error` says why.
-    bool load(std::string& error);
-    // As load(), and ends the sessions that the new policy does not admit.
-    bool reload(std::string& error);
+    // Each reads one file. False: nothing has changed, and `error` says why.
+    bool load_certificate(std::string& error);
+    // Ends the sessions that the policy does not admit any more.
+    bool load_policy(std::string& error);
 
     bool listen(std::string& error);
     std::uint16_t port() const;

@@ -11,8 +11,8 @@ constexpr std::size_t least_buffer_bytes = 64 << 10;
 Exchange::Exchange(const Surroundings& surroundings, std::string packet,
                    Clock::duration time_to_answer)
     : packet_(std::move(packet)), buffer_bytes_(surroundings.buffer_bytes),
-      budget_(surroundings.budget), held_(surroundings.budget), to_user_(surroundings.executor),
-      to_session_(surroundings.executor),
+      budget_(surroundings.budget), held_(surroundings.budget), taken_(surroundings.budget),
+      to_user_(surroundings.executor), to_session_(surroundings.executor),
       deadline_(surroundings.deadlines, [this] { fail(State::timed_out); }) {
     held_.resize(packet_.size());
     deadline_.set(time_to_answer);
@@ -30,6 +30,7 @@ Awaitable<bool> Exchange::take(std::vector<char>& bytes) {
     bytes.clear();
     bytes.swap(buffer_);
     held_.resize(0);
+    taken_.resize(bytes.size());
     to_session_.notify();
     co_return !bytes.empty();
 }
@@ -38,6 +39,7 @@ void Exchange::abandon() {
     abandoned_ = true;
     buffer_.clear();
     held_.resize(0);
+    taken_.resize(0);
     to_session_.notify();
     if (is_open())
         settle(State::gone);

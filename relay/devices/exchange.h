@@ -48,9 +48,12 @@ public:
     std::size_t answer_size() const { return answer_size_; } // once answered
     // Swaps the bytes that have come into `bytes`, waiting for some. False at the answer's end.
     Awaitable<bool> take(std::vector<char>& bytes);
+    // True when all of the answer has been taken.
+    bool is_drained() const { return state_ == State::complete && buffer_.empty(); }
     // Nobody reads on: what still comes is dropped.
     void abandon();
     // Asked just before sending: a user who went away meanwhile is not worth the device's time.
+    // Empty: there is always somebody.
     std::function<bool()> user_is_there;
 
     // The session's side.
@@ -74,7 +77,8 @@ private:
     std::size_t buffer_bytes_;
     bool abandoned_ = false;
     MemoryBudget& budget_;
-    Reservation held_; // of packet_, then of buffer_
+    Reservation held_;  // of packet_, then of buffer_
+    Reservation taken_; // what take() gave last
     Signal to_user_;
     Signal to_session_;
     Deadline deadline_;

@@ -65,13 +65,26 @@ std::string public_location(std::string_view location, const Addresses& addresse
     return result += end == rest.npos ? std::string_view() : rest.substr(end);
 }
 
+std::string own_cookie(std::string_view cookie) {
+    auto end = std::min(cookie.find(';'), cookie.size());
+    std::string result(cookie.substr(0, end)); // name and value, whatever the name is
+    while (end < cookie.size()) {
+        cookie.remove_prefix(end + 1);
+        end = std::min(cookie.find(';'), cookie.size());
+        const auto attribute = cookie.substr(0, end);
+        if (!equals_ignoring_case(trimmed(attribute.substr(0, attribute.find('='))), "domain"))
+            result.append(";").append(attribute);
+    }
+    return result;
+}
+
 std::string user_head(const AnswerHead& head, const UserHeadOptions& options,
                       const Addresses& addresses) {
     std::string text = "HTTP/1.1 " + std::to_string(head.result_int()) + " ";
     text.reserve(1024);
     text += view(head.reason());
     text += "\r\n";
-    const auto connection = view(head[http::field::connection]);
+    const auto connection = connection_options(head);
     const bool has_body = options.framing.kind != BodyKind::none;
     for (const auto& field : head) {
         const auto name = view(field.name_string());
@@ -80,6 +93,8 @@ std::string user_head(const AnswerHead& head, const UserHeadOptions& options,
             continue;
         if (field.name() == http::field::location)
             append_header(text, name, public_location(view(field.value()), addresses));
+        else if (field.name() == http::field::set_cookie)
+            append_header(text, name, own_cookie(view(field.value())));
         else
             append_header(text, name, view(field.value()));
     }
@@ -124,6 +139,8 @@ bool AnswerBody::decode_chunks(std::string_view bytes) {
             return false;
     }
     undecoded_.erase(0, taken);
+    if (undecoded_.size() > max_answer_head_bytes)
+        return false; // a chunk's head, or trailers, without an end
     if (may_chunk_) {
         if (!decoded_.empty()) {
             decoded_.insert(0, chunk_head(decoded_.size()));

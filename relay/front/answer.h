@@ -49,6 +49,10 @@ struct Addresses {
 // A Location for the user: the device's own address becomes the public one.
 std::string public_location(std::string_view location, const Addresses& addresses);
 
+// A Set-Cookie for the user, without its Domain: a device must not set cookies for its neighbours,
+// which share the base domain with it.
+std::string own_cookie(std::string_view cookie);
+
 struct UserHeadOptions {
     BodyFraming framing;
     bool keep_alive;

@@ -86,6 +86,8 @@ PageReason parse_error(const boost::system::error_code& error) {
         return {413, "The request's body is larger than this relay carries.", "body_limit"};
     if (error == http::error::header_limit)
         return {431, "The request's header is larger than this relay takes.", "header_limit"};
+    if (error == http::error::bad_version)
+        return {505, "This relay speaks HTTP/1.1.", "version"};
     return bad_request("This is no valid HTTP/1.1 request: " + error.message() + ".");
 }
 
@@ -98,6 +100,9 @@ std::optional<PageReason> check_head(const RequestHead& head) {
         return bad_request("The request must name exactly one host.");
     if (head.count(http::field::content_length) > 1)
         return bad_request("The request has more than one Content-Length.");
+    if (value_of(head, http::field::content_length).find_first_not_of("0123456789") !=
+        std::string_view::npos)
+        return bad_request("The request's Content-Length is no number.");
     const auto codings = head.count(http::field::transfer_encoding);
     if (codings > 0 && (head.version() == 10 || head.count(http::field::content_length) > 0))
         return bad_request("The request's length can be read in two ways.");
@@ -140,6 +145,16 @@ std::optional<Route> route_of(const RequestHead& head, std::string_view base_dom
     return route;
 }
 
+std::string connection_options(const http::fields& head) {
+    std::string options;
+    const auto [begin, end] = head.equal_range(http::field::connection);
+    for (auto each = begin; each != end; ++each) {
+        options += view(each->value());
+        options += ',';
+    }
+    return options;
+}
+
 bool is_hop_by_hop(std::string_view name, std::string_view connection) {
     constexpr std::array<std::string_view, 9> names = {"connection",
                                                        "keep-alive",
@@ -165,7 +180,7 @@ std::string device_head(const RequestHead& head, const Route& route, const Forwa
     text += route.target;
     text += head.version() == 10 ? " HTTP/1.0\r\n" : " HTTP/1.1\r\n";
     append_header(text, "Host", forwarding.device_host);
-    const auto connection = value_of(head, http::field::connection);
+    const auto connection = connection_options(head);
     for (const auto& field : head) {
         const auto name = view(field.name_string());
         if (field.name() != http::field::host && field.name() != http::field::content_length &&

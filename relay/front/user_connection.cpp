@@ -42,6 +42,8 @@ Awaitable<void> UserConnection::run() {
     bool goes_on = co_await stream_.handshake();
     while (goes_on)
         goes_on = co_await serve_one();
+    deadline_.set(farewell);
+    co_await stream_.end_output();
     if (unread_input_)
         co_await linger();
     stream_.close();
@@ -124,7 +126,8 @@ bool UserConnection::parse_head(Turn& turn, std::size_t head_bytes) {
     else
         turn.page = check_head(head).value_or(PageReason{});
     unread_input_ = turn.page.status != 0;
-    turn.keep_alive = turn.parser.keep_alive() && !front_.is_draining();
+    // A head that is broken has no answer to this.
+    turn.keep_alive = !error && turn.parser.keep_alive() && !front_.is_draining();
     return true;
 }
 
@@ -132,8 +135,10 @@ std::optional<PageReason> UserConnection::route(Turn& turn) {
     turn.route = route_of(turn.parser.get(), options_.base_domain);
     unread_input_ = !turn.parser.is_done();
     turn.keep_alive = turn.keep_alive && turn.parser.is_done();
-    if (!turn.route)
+    if (!turn.route) {
+        unread_input_ = true; // nothing that follows is looked at
         return PageReason{400, "The request's host or target is no valid one.", "bad_request"};
+    }
     if (turn.route->device_id.empty())
         return PageReason{404,
                           "Devices are reached as <device id>." + options_.base_domain +
@@ -156,11 +161,14 @@ Awaitable<bool> UserConnection::read_body(Turn& turn) {
     const auto began = Clock::now();
     error_code error;
     const std::string_view expected = turn.parser.get()[http::field::expect];
-    if (input_.empty() && equals_ignoring_case(expected, "100-continue")) {
+    if (turn.parser.get().version() == 11 && input_.empty() &&
+        equals_ignoring_case(expected, "100-continue")) {
         const bool written = co_await write(turn, go_on);
         if (!written)
             co_return false;
     }
+    if (turn.parser.chunked())
+        turn.head = turn.parser.get().base();
     turn.parser.eager(true);
     while (true) {
         const auto taken = turn.parser.put(asio::buffer(input_), error);
@@ -177,7 +185,12 @@ Awaitable<bool> UserConnection::read_body(Turn& turn) {
             turn.page = {503, "The relay has no memory left for this request.", "memory"};
             co_return true;
         }
-        deadline_.set_at(began + options_.patience + time_for(turn.body_bytes));
+        // Left over is what surrounds chunks. It is as long as a head at most, and buys no time.
+        if (input_.size() > options_.max_header_bytes) {
+            turn.page = parse_error(http::error::header_limit);
+            co_return true;
+        }
+        deadline_.set_at(began + options_.patience + time_for(turn.parser.get().body().size()));
         const bool read = co_await read_more();
         if (!read)
             co_return false;
@@ -196,7 +209,7 @@ std::shared_ptr<Exchange> UserConnection::submit(Turn& turn) {
     const auto& request = turn.parser.get();
     const bool has_body = turn.parser.chunked() || turn.parser.content_length().has_value();
     const auto head =
-        device_head(request, *turn.route,
+        device_head(turn.head ? *turn.head : request.base(), *turn.route,
                     {options_.device_host, stream_.address(), stream_.is_tls() ? "https" : "http"},
                     request.body().size(), has_body);
     auto packet = make_packet(PacketType::request, 0, head, request.body());
@@ -206,7 +219,10 @@ std::shared_ptr<Exchange> UserConnection::submit(Turn& turn) {
         std::move(packet), services_.config.devices.answer);
     turn.parser.get().body() = {};
     body_memory_.resize(0);
-    exchange->user_is_there = [this] { return stream_.is_there(); };
+    exchange->user_is_there = [user = weak_from_this()] {
+        const auto connection = user.lock();
+        return connection && connection->stream_.is_there();
+    };
     if (session->submit(exchange))
         return exchange;
     turn.page = {503, "The device has too many requests open. Try again soon.", "device_busy"};
@@ -219,10 +235,11 @@ Awaitable<bool> UserConnection::relay(Turn& turn) {
     if (!exchange)
         co_return true;
     const auto state = co_await exchange->answered();
-    exchange->user_is_there = nullptr;
     bool goes_on = true;
     if (state == Exchange::State::timed_out)
         turn.page = {504, "The device did not answer in time.", "time_out"};
+    else if (state == Exchange::State::gone && !stream_.is_there())
+        goes_on = false;
     else if (state == Exchange::State::gone)
         turn.page = {502, "The device's connection ended before it answered.", "device_gone"};
     else
@@ -287,8 +304,14 @@ Awaitable<bool> UserConnection::relay_body(Turn& turn, Exchange& exchange, Answe
     while (true) {
         const auto piece = rest.substr(0, write_bytes);
         rest.remove_prefix(piece.size());
-        // A body that breaks off ends the connection: the user must not take it for whole.
-        if (!body.convert(piece))
+        const bool is_sound = body.convert(piece);
+        const bool is_short = !body.is_done() && rest.empty() && exchange.is_drained();
+        if ((!is_sound || is_short) && !head.empty()) {
+            turn.page = unusable("The device's answer breaks off.");
+            co_return true;
+        }
+        // A body that breaks off later ends the connection: the user must not take it for whole.
+        if (!is_sound)
             co_return false;
         const bool written = co_await write(turn, head, body.output());
         if (!written || body.is_done())
@@ -323,8 +346,6 @@ Awaitable<bool> UserConnection::answer_page(Turn& turn) {
 
 // Takes in what a refused user still sends, for a while, so that he can read the page.
 Awaitable<void> UserConnection::linger() {
-    deadline_.set(farewell);
-    stream_.end_output();
     std::size_t received = 0;
     bool read = true;
     while (read && received < farewell_bytes) {
@@ -338,8 +359,9 @@ void UserConnection::account(const Turn& turn) {
     idle_ = true;
     const auto duration = Clock::now() - turn.began;
     Metrics& metrics = services_.metrics;
-    ++metrics.requests_by_status[turn.status];
-    if (turn.status != 0)
+    const unsigned status = turn.sent_bytes > 0 ? turn.status : 0;
+    ++metrics.requests_by_status[status];
+    if (status != 0)
         metrics.latency.add(duration);
     const auto& request = turn.parser.get();
     metrics.bytes_from_users += turn.body_bytes;
@@ -347,7 +369,7 @@ void UserConnection::account(const Turn& turn) {
     services_.access_log.add({std::chrono::system_clock::now(), stream_.address(),
                               turn.route ? std::string_view(turn.route->device_id) : "",
                               std::string_view(request.method_string()),
-                              std::string_view(request.target()), turn.status, turn.body_bytes,
+                              std::string_view(request.target()), status, turn.body_bytes,
                               turn.sent_bytes, duration, turn.page.note});
 }
 

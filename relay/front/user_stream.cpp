@@ -1,8 +1,11 @@
 #include "front/user_stream.h"
 
+#include "base/text.h"
+
 #include <boost/asio/write.hpp>
 
-#include <sys/socket.h>
+#include <openssl/ssl.h>
+#include <poll.h>
 
 namespace relay {
 
@@ -11,7 +14,7 @@ UserStream::UserStream(Socket socket, TlsContext tls)
     if (context_)
         tls_ = std::make_unique<TlsStream>(socket_, *context_);
     error_code ignored;
-    address_ = socket_.remote_endpoint(ignored).address().to_string();
+    address_ = to_text(socket_.remote_endpoint(ignored).address());
     socket_.set_option(Tcp::no_delay(true), ignored);
 }
 
@@ -43,13 +46,14 @@ Awaitable<bool> UserStream::write(std::string_view first, std::string_view secon
 }
 
 bool UserStream::is_there() {
-    char byte;
-    return socket_.is_open() &&
-           recv(socket_.native_handle(), &byte, 1, MSG_PEEK | MSG_DONTWAIT) != 0;
+    pollfd end{socket_.native_handle(), POLLRDHUP, 0}; // seen behind unread bytes, too
+    return socket_.is_open() && poll(&end, 1, 0) == 0;
 }
 
-void UserStream::end_output() {
+Awaitable<void> UserStream::end_output() {
     error_code ignored;
+    if (tls_ && SSL_is_init_finished(tls_->native_handle()))
+        co_await tls_->async_shutdown(into(ignored));
     socket_.shutdown(Socket::shutdown_send, ignored);
 }
 

@@ -25,7 +25,8 @@ public:
 
     // False when the user has hung up, as far as the system knows.
     bool is_there();
-    void end_output();
+    // Says that nothing more comes, which TLS does in a record of its own.
+    Awaitable<void> end_output();
     void close();
 
 private:

@@ -165,7 +165,8 @@ class Daemon:
     def kill(self):
         self._process.kill()
         self._process.wait()
-        self.log.wait_for_end()
+        if self.log is not None:  # an interrupted start() has none yet
+            self.log.wait_for_end()
 
     def _check_with_valgrind(self):
         # The daemon never ends by itself, so it is asked while it runs.

@@ -80,11 +80,20 @@ def enter(private_network=True):
     Without a private network the machine's own loopback stays, for a browser outside.
     """
     become_root()
-    _unshare(_CLONE_NEWNS | _CLONE_NEWUTS | _CLONE_NEWIPC | (_CLONE_NEWNET if private_network else 0))
+    kinds = _CLONE_NEWNS | _CLONE_NEWUTS | _CLONE_NEWIPC
+    _unshare(kinds | (_CLONE_NEWNET if private_network else 0))
     _mount("none", "/", flags=_MS_REC | _MS_PRIVATE)
     if private_network:
         _bring_up("lo")
     return Places()
+
+
+def mounts_of_now():
+    """A descriptor of the mounts as they are before enter(), for what must not run behind it."""
+    become_root()
+    _unshare(_CLONE_NEWNS)  # the machine's own are closed to an ordinary user
+    _mount("none", "/", flags=_MS_REC | _MS_PRIVATE)
+    return os.open("/proc/self/ns/mnt", os.O_RDONLY)
 
 
 def _bring_up(interface):

@@ -19,9 +19,10 @@ BASE_DOMAIN = "localhost"
 
 
 class RelayServer:
-    """`options` are merged into the configuration, section by section."""
+    """`options` are merged into the configuration, section by section. `front_certificate`: what
+    users see, when they are to speak TLS."""
 
-    def __init__(self, folder, certificate, policy=None, options=None):
+    def __init__(self, folder, certificate, policy=None, options=None, front_certificate=None):
         self.folder = Path(folder)
         self.folder.mkdir(parents=True, exist_ok=True)
         self.certificate = self.folder / "relay.pem"
@@ -30,13 +31,20 @@ class RelayServer:
         self.configuration = self.folder / "relay_server.json"
         self.access_log = self.folder / "access.log"
         self.process = None
+        self.front_is_tls = front_certificate is not None
         self.use_certificate(certificate)
+        if self.front_is_tls:
+            self.use_front_certificate(front_certificate)
         self.write_policy(policy or {"admit": "all"})
         self.write_configuration(options or {})
 
     def use_certificate(self, certificate):
         shutil.copy(certificate.certificate, self.certificate)
         shutil.copy(certificate.key, self.key)
+
+    def use_front_certificate(self, certificate):
+        shutil.copy(certificate.certificate, self.folder / "front.pem")
+        shutil.copy(certificate.key, self.folder / "front.key")
 
     def write_policy(self, policy):
         self.policy.write_text(json.dumps(policy))
@@ -49,6 +57,8 @@ class RelayServer:
             "admin": {"listen": f"{ADDRESS}:0"},
             "access_log": str(self.access_log),
         }
+        if self.front_is_tls:
+            configuration["front"] |= {"certificate": "front.pem", "key": "front.key"}
         for section, value in options.items():
             if isinstance(value, dict):
                 configuration[section].update(value)
@@ -66,6 +76,20 @@ class RelayServer:
                                   r"(\d+)(?s:.*)operators come to \S+ port (\d+)")
         self.device_port, self.front_port, self.admin_port = map(int, ports.groups())
         return self
+
+    @property
+    def has_ended(self):
+        return self.process.status is not None
+
+    def restart(self):
+        """Starts it again on the ports it had, after it ended."""
+        self.process.wait()
+        configuration = json.loads(self.configuration.read_text())
+        for section, port in (("devices", self.device_port), ("front", self.front_port),
+                              ("admin", self.admin_port)):
+            configuration[section]["listen"] = f"{ADDRESS}:{port}"
+        self.configuration.write_text(json.dumps(configuration))
+        return self.start()
 
     def stop(self):
         """Ends it the way an operator does; its exit status."""
@@ -96,6 +120,8 @@ class RelayServer:
         return self.start()
 
     def __exit__(self, kind, value, trace):
+        if kind is None and self.process.status is None:
+            assert self.stop() == 0, self.log.text
         self.process.__exit__(kind, value, trace)
 
     # --- users ---

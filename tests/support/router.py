@@ -40,6 +40,7 @@ def prepare(private_network=True):
         folder.mkdir(parents=True)
     Path("/etc/nsswitch.conf").write_text("hosts: files\n")
     Path("/etc/host.conf").write_text("multi on\n")
+    Path("/etc/hosts").write_text("127.0.0.1 localhost\n")
     return places
 
 
@@ -56,6 +57,10 @@ class Identity:
             "getInfo": {"mac": "AA-BB-CC-DD-EE-FF", "fw_cur_id": "FW0123456789ABCDEF"},
         }
         self.services = []
+
+    @property
+    def device_id(self):
+        return self.answers["get_device_id"]["device_id"]
 
     def _method(self, name, arguments=None):
         return Method(lambda call: self.answers[name], arguments or {})
@@ -117,7 +122,9 @@ class Router:
         TOKEN_SCRIPT.unlink()
 
     def start_bus(self):
-        self.bus = Process(program("ubusd"), "-s", BUS_SOCKET)
+        # It dies with us, however we end.
+        self.bus = Process(shutil.which("setpriv"), "--pdeathsig", "KILL",
+                           program("ubusd"), "-s", BUS_SOCKET)
         wait_until(self._bus_serves, "the bus serves its socket")
 
     def _bus_serves(self):
@@ -132,6 +139,18 @@ class Router:
         self.bus.stop()
         self.bus = None
         BUS_SOCKET.unlink(missing_ok=True)
+
+    @property
+    def bus_has_ended(self):
+        return self.bus.status is not None
+
+    def restart_bus(self):
+        """Brings the bus back, with its services, after it ended."""
+        self.identity.stop()
+        self.bus.wait()
+        BUS_SOCKET.unlink(missing_ok=True)
+        self.start_bus()
+        self.identity.start()
 
     def __enter__(self):
         self.console = Console()

@@ -150,9 +150,13 @@ class Lighttpd:
             f'server.document-root = "{folder}"\n'
             f"server.port = {self.port}\n"
             'server.bind = "127.0.0.1"\n'
-            'mimetype.assign = ( ".html" => "text/html", ".bin" => "application/octet-stream" )\n')
-        self._process = subprocess.Popen(["lighttpd", "-D", "-f", configuration],
-                                         stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+            'mimetype.assign = ( ".html" => "text/html", ".css" => "text/css", '
+            '".json" => "application/json", ".bin" => "application/octet-stream" )\n'
+            'index-file.names = ( "index.html" )\n')
+        # It dies with us, however we end.
+        self._process = subprocess.Popen(
+            ["setpriv", "--pdeathsig", "KILL", "lighttpd", "-D", "-f", configuration],
+            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
 
     def fetch(self, request):
         """What the server answers to the bytes of `request`, asked directly."""

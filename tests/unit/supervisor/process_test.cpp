@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <string>
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include "own_program.h"
+#include "support/eventually.h"
 #include "support/namespaces.h"
 
 namespace {
@@ -61,6 +63,26 @@ bool finds_itself() {
 TEST_F(Process, OneInAnotherNetworkIsPassedOver) {
     EXPECT_EQ(in_child([] { return finds_itself(); }), 0); // but us
     EXPECT_EQ(in_child([] { return unshare(CLONE_NEWNET) == 0 && finds_itself(); }), 1);
+}
+
+TEST_F(Process, OneThatSeesTheSameFilesIsPreferred) {
+    EXPECT_EQ(in_child([] { return unshare(CLONE_NEWNS) == 0 && finds_itself(); }), 1);
+}
+
+TEST_F(Process, OneThatSeesOtherFilesIsFoundWhenThereIsNoOther) {
+    const std::string copy = "sleeper_" + std::to_string(getpid());
+    std::filesystem::copy_file("/bin/sleep", "/tmp/" + copy);
+    pid_t sleeper = fork();
+    if (sleeper == 0) {
+        execl(("/tmp/" + copy).c_str(), copy.c_str(), "60", nullptr);
+        _exit(1);
+    }
+    const auto isFound = [&copy] { return process_find(copy.c_str()) != NO_PROCESS; };
+    EXPECT_TRUE(eventually(isFound));
+    EXPECT_EQ(in_child([&] { return unshare(CLONE_NEWNS) == 0 && isFound(); }), 1);
+    kill(sleeper, SIGKILL);
+    waitpid(sleeper, nullptr, 0);
+    std::filesystem::remove("/tmp/" + copy);
 }
 
 TEST_F(Process, OneOfAnotherUserIsPassedOver) {

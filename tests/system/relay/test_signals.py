@@ -1,0 +1,239 @@
+"""SIGHUP takes new files over, SIGTERM lets open requests finish."""
+
+import os
+import signal
+import socket
+import ssl
+import subprocess
+import threading
+import time
+
+import pytest
+
+from device_peer import DEVICE_ID, Device, http_answer
+from http_user import User
+from processes import program, wait_until
+from relay_peer import Closed
+
+
+def served(device, user):
+    user.ask()
+    device.answer(device.expect_request())
+    assert user.read().status == 200
+
+
+def refuses(port):
+    try:
+        socket.create_connection(("127.0.0.1", port)).close()
+    except ConnectionRefusedError:
+        return True
+    return False
+
+
+def pem_to_der(certificate):
+    return ssl.PEM_cert_to_DER_cert(certificate.certificate.read_text())
+
+
+# --- SIGHUP ---
+
+@pytest.mark.relay(front_tls=True)
+def test_a_new_certificate_is_shown_to_newcomers_and_drops_nobody(relay, authority, device, user,
+                                                                  connect, open_user):
+    new = authority.certificate("new.test", "rsa")
+    relay.use_certificate(new)
+    relay.use_front_certificate(new)
+    served(device, user)
+    relay.reload()
+    relay.log.wait_for("reloaded certificates, policy, token and access log")
+    served(device, user)
+    newcomer = connect("other").join()
+    assert newcomer.relay_certificate() == pem_to_der(new) != device.relay_certificate()
+    late = open_user()
+    assert late.socket.getpeercert(binary_form=True) == pem_to_der(new)
+    served(device, late)
+    served(device, user)
+
+
+@pytest.mark.parametrize("broken, why", [
+    ("certificate", "relay.pem is no usable certificate"),
+    ("key", "relay.key is no usable private key"),
+])
+def test_a_broken_certificate_or_key_keeps_the_old_ones(relay, device, connect, broken, why):
+    getattr(relay, broken).write_text("nonsense")
+    relay.reload()
+    relay.log.wait_for(f"not reloaded: .*{why}")
+    device.beat()
+    assert connect("other").join().relay_certificate() == device.relay_certificate()
+
+
+def test_a_key_of_another_certificate_keeps_the_old_ones(relay, authority, device, connect):
+    relay.key.write_text(authority.certificate("other.test").key.read_text())
+    relay.reload()
+    relay.log.wait_for("not reloaded: .*relay.key is no")
+    assert connect("other").join().relay_certificate() == device.relay_certificate()
+
+
+def test_a_reload_in_the_middle_of_everything_disturbs_nothing(relay, device, user):
+    user.send(user.head(method="POST", headers=["Content-Length: 4"]) + b"ab")
+    relay.reload()
+    user.send(b"cd")
+    request = device.expect_request()
+    relay.reload()
+    device.answer(request)
+    assert request.body == b"abcd" and user.read().status == 200
+
+
+def test_reloads_in_a_row_leave_nothing_behind(relay, device):
+    relay.reload()
+    before = relay.process.descriptor_count()
+    for _ in range(50):
+        relay.reload()
+    assert relay.process.descriptor_count() == before
+    device.beat()
+
+
+# --- SIGTERM ---
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
+def test_without_open_requests_it_ends_at_once(relay, device, user, number):
+    served(device, user)
+    started = time.monotonic()
+    relay.signal(number)
+    assert relay.process.wait() == 0
+    assert time.monotonic() - started < 1.9  # and not after the drain
+    with pytest.raises(Closed):
+        device.read_packet()
+    user.expect_closed()
+    relay.log.wait_for("draining: nobody comes in, open requests have 2 s")
+    assert relay.log.lines[-1].endswith("info ended")
+
+
+@pytest.mark.relay(options={"drain_s": 20})
+def test_open_requests_finish_and_nobody_comes_in(relay, device, user, open_user, connect):
+    waiting = [open_user() for _ in range(6)]
+    for number, each in enumerate(waiting):
+        each.ask(f"/{number}")
+        wait_until(lambda: relay.devices()[DEVICE_ID]["open"] == number + 1, "it is there")
+    idle = open_user()
+    served_before = open_user()
+    newcomer = connect("newcomer")
+    relay.signal(signal.SIGTERM)
+    relay.log.wait_for("draining")
+    for port in (relay.device_port, relay.front_port):
+        wait_until(lambda: refuses(port), "nobody comes in")
+    newcomer.say_hello()
+    assert newcomer.hello_reply() == 3
+    newcomer.close()
+    relay.log.wait_for("became no session: the relay is about to end")
+    idle.expect_closed()
+    served_before.expect_closed()
+    assert relay.admin("/healthz") == (503, "draining\n")
+    assert '"draining":true' in relay.admin("/api/devices")[1]
+    assert relay.metric('relay_handshakes_refused_total{cause="draining"}') == 1
+    for number, each in enumerate(waiting):
+        request = device.expect_request()
+        device.answer(request, http_answer(str(number).encode()))
+    for number, each in enumerate(waiting):
+        assert each.expect(200).body == str(number).encode()
+        each.expect_closed()
+    assert relay.process.wait() == 0
+    assert len(relay.accesses()) == 6
+
+
+@pytest.mark.relay(options={"drain_s": 20})
+def test_an_upload_that_has_begun_finishes(relay, device, user):
+    user.send(user.head(method="POST", headers=["Content-Length: 4"]) + b"ab")
+    wait_until(lambda: relay.metric("relay_memory_used_bytes") > 0, "it has begun")
+    relay.signal(signal.SIGTERM)
+    relay.log.wait_for("draining")
+    user.send(b"cd")
+    request = device.expect_request()
+    assert request.body == b"abcd"
+    device.answer(request)
+    response = user.expect(200)
+    assert not response.keeps_open
+    assert relay.process.wait() == 0
+
+
+@pytest.mark.lasts(3)
+@pytest.mark.relay(options={"drain_s": 1})
+def test_the_drain_is_bounded(relay, device, user):
+    user.ask()
+    device.expect_request()
+    started = time.monotonic()
+    relay.signal(signal.SIGTERM)
+    assert relay.process.wait() == 0
+    assert 0.7 < time.monotonic() - started < 5
+
+
+@pytest.mark.relay(options={"drain_s": 60})
+def test_asked_twice_it_ends_at_once(relay, device, user):
+    user.ask()
+    device.expect_request()
+    relay.signal(signal.SIGTERM)
+    relay.log.wait_for("draining")
+    started = time.monotonic()
+    relay.signal(signal.SIGTERM)
+    assert relay.process.wait() == 0
+    assert time.monotonic() - started < 4
+
+
+@pytest.mark.relay(options={"drain_s": 1, "front": {"answer_buffer_bytes": 65536}})
+def test_it_ends_with_everything_under_way(relay, device, connect, open_user):
+    """Half a handshake, half a hello, half a request, half an answer, a token: all go."""
+    strangers = [socket.create_connection(("127.0.0.1", port))
+                 for port in (relay.device_port, relay.front_port, relay.admin_port)]
+    halfway = connect("halfway")
+    halfway.send(b"\xb0\x0b\x00\x01")
+    uploader = open_user()
+    uploader.send(uploader.head(method="POST", headers=["Content-Length: 9"]) + b"x")
+    reader = open_user(receive_buffer=4096)
+    reader.ask()
+    request = device.expect_request()
+    sender = threading.Thread(target=lambda: _answer(device, request))
+    sender.start()
+    reader.read_head()
+    asking = threading.Thread(target=lambda: _ask_token(relay))
+    asking.start()
+    wait_until(lambda: relay.devices()[DEVICE_ID]["open"] > 0, "the token is asked for")
+    relay.signal(signal.SIGTERM)
+    assert relay.process.wait() == 0
+    sender.join()
+    asking.join()
+    for each in strangers:
+        each.close()
+
+
+def _answer(device, request):
+    try:
+        device.answer(request, http_answer(b"x" * (32 << 20)))
+    except OSError:
+        pass  # as it must end
+
+
+def _ask_token(relay):
+    try:
+        relay.admin(f"/api/devices/{DEVICE_ID}/web-token", "POST")
+    except OSError:
+        pass  # as it must end
+
+
+def test_a_reader_of_its_log_that_goes_away_does_not_end_it(make_relay):
+    """What it has to say goes nowhere; it serves on."""
+    relay = make_relay()
+    ours, theirs = os.pipe()
+    process = subprocess.Popen([program("relay_server"), "--config", relay.configuration],
+                               stderr=theirs)
+    os.close(theirs)
+    with os.fdopen(ours) as log:
+        lines = [log.readline() for _ in range(3)]
+    relay.device_port, relay.front_port, _ = (int(line.split()[-1]) for line in lines)
+    with Device(relay.device_port) as device, User(relay) as user:
+        served(device.join(), user)
+    process.terminate()
+    assert process.wait(20) == 0
+
+
+def test_sigpipe_is_none_of_its_business(relay, device, user):
+    subprocess.run(["kill", "-PIPE", str(relay.pid)], check=True)
+    served(device, user)

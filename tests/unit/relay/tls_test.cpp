@@ -1,0 +1,148 @@
+#include "base/tls.h"
+
+#include "scratch_folder.h"
+
+#include <gmock/gmock.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+
+#include <cstdio>
+#include <memory>
+
+namespace relay {
+namespace {
+
+using testing::EndsWith;
+using testing::StartsWith;
+
+template <auto Free>
+struct Freed {
+    template <typename T>
+    void operator()(T* object) const {
+        Free(object);
+    }
+};
+using Key = std::unique_ptr<EVP_PKEY, Freed<EVP_PKEY_free>>;
+using Certificate = std::unique_ptr<X509, Freed<X509_free>>;
+using File = std::unique_ptr<FILE, Freed<fclose>>;
+
+class Tls : public testing::Test {
+protected:
+    // Writes a key and a certificate of it.
+    void make(const std::string& name) {
+        const Key key(EVP_EC_gen("P-256"));
+        const Certificate certificate(X509_new());
+        X509_set_version(certificate.get(), X509_VERSION_3);
+        X509_gmtime_adj(X509_getm_notBefore(certificate.get()), 0);
+        X509_gmtime_adj(X509_getm_notAfter(certificate.get()), 3600);
+        X509_set_pubkey(certificate.get(), key.get());
+        ASSERT_GT(X509_sign(certificate.get(), key.get(), EVP_sha256()), 0);
+        const File certificate_file(fopen(folder_.file(name + ".pem").c_str(), "w"));
+        const File key_file(fopen(folder_.file(name + ".key").c_str(), "w"));
+        ASSERT_TRUE(PEM_write_X509(certificate_file.get(), certificate.get()));
+        ASSERT_TRUE(
+            PEM_write_PrivateKey(key_file.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr));
+    }
+
+    TlsContext context(const std::string& certificate, const std::string& key) {
+        return make_tls_context(folder_.file(certificate), folder_.file(key), error_);
+    }
+
+    std::string mistake(const std::string& certificate, const std::string& key) {
+        EXPECT_EQ(context(certificate, key), nullptr);
+        return error_;
+    }
+
+    // The version and cipher that a client and a server of `context` agree on.
+    std::string agreed(const TlsContext& server_context, int client_version) {
+        const std::unique_ptr<SSL_CTX, Freed<SSL_CTX_free>> client_context(
+            SSL_CTX_new(TLS_client_method()));
+        SSL_CTX_set_min_proto_version(client_context.get(), 0);
+        SSL_CTX_set_max_proto_version(client_context.get(), client_version);
+        SSL_CTX_set_security_level(client_context.get(), 0); // offers what is old, too
+        const std::unique_ptr<SSL, Freed<SSL_free>> client(SSL_new(client_context.get()));
+        const std::unique_ptr<SSL, Freed<SSL_free>> server(
+            SSL_new(server_context->native_handle()));
+        BIO* ours = nullptr;
+        BIO* theirs = nullptr;
+        BIO_new_bio_pair(&ours, 0, &theirs, 0);
+        SSL_set_bio(client.get(), ours, ours);
+        SSL_set_bio(server.get(), theirs, theirs);
+        SSL_set_connect_state(client.get());
+        SSL_set_accept_state(server.get());
+        for (int turn = 0; turn < 10; ++turn) {
+            SSL_do_handshake(client.get());
+            SSL_do_handshake(server.get());
+        }
+        if (!SSL_is_init_finished(client.get()) || !SSL_is_init_finished(server.get()))
+            return "nothing";
+        return std::string(SSL_get_version(client.get())) + " " + SSL_get_cipher(client.get());
+    }
+
+    ScratchFolder folder_;
+    std::string error_;
+};
+
+TEST_F(Tls, TakesACertificateAndItsKey) {
+    make("a");
+    EXPECT_NE(context("a.pem", "a.key"), nullptr);
+    EXPECT_EQ(error_, "");
+}
+
+TEST_F(Tls, MissingFilesAreNamed) {
+    make("a");
+    EXPECT_THAT(mistake("none.pem", "a.key"),
+                StartsWith(folder_.file("none.pem") + " is no usable certificate: "));
+    EXPECT_THAT(mistake("a.pem", "none.key"),
+                StartsWith(folder_.file("none.key") + " is no usable private key"));
+}
+
+TEST_F(Tls, FilesOfSomethingElseAreNamed) {
+    make("a");
+    folder_.write("text", "no certificate\n");
+    folder_.write("empty", "");
+    for (const char* bad : {"text", "empty", "a.key", "."})
+        EXPECT_THAT(mistake(bad, "a.key"),
+                    StartsWith(folder_.file(bad) + " is no usable certificate: "));
+    for (const char* bad : {"text", "empty", "a.pem", "."})
+        EXPECT_THAT(mistake("a.pem", bad),
+                    StartsWith(folder_.file(bad) + " is no usable private key"));
+}
+
+TEST_F(Tls, KeyOfAnotherCertificateIsAMistake) {
+    make("a");
+    make("b");
+    const std::string said = mistake("a.pem", "b.key");
+    EXPECT_THAT(said, StartsWith(folder_.file("b.key") + " is "));
+    EXPECT_EQ(said.find('\n'), said.npos) << "one sentence";
+}
+
+TEST_F(Tls, FailureLeavesNoTraceInTheNextOne) {
+    make("a");
+    mistake("none.pem", "a.key");
+    EXPECT_NE(context("a.pem", "a.key"), nullptr);
+    EXPECT_EQ(error_, "");
+}
+
+TEST_F(Tls, SpeaksTls12And13AndNothingOlder) {
+    make("a");
+    const auto server = context("a.pem", "a.key");
+    ASSERT_TRUE(server);
+    EXPECT_THAT(agreed(server, TLS1_3_VERSION), StartsWith("TLSv1.3 "));
+    EXPECT_THAT(agreed(server, TLS1_2_VERSION), StartsWith("TLSv1.2 "));
+    EXPECT_EQ(agreed(server, TLS1_1_VERSION), "nothing");
+}
+
+TEST_F(Tls, PrefersForDevicesWhatASmallProcessorIsGoodAt) {
+    make("a");
+    const auto server = context("a.pem", "a.key");
+    ASSERT_TRUE(server);
+    prefer_ciphers_of_small_processors(*server);
+    EXPECT_EQ(agreed(server, TLS1_3_VERSION), "TLSv1.3 TLS_CHACHA20_POLY1305_SHA256");
+    EXPECT_EQ(agreed(server, TLS1_2_VERSION), "TLSv1.2 ECDHE-ECDSA-CHACHA20-POLY1305");
+}
+
+} // namespace
+} // namespace relay
