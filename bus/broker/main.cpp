@@ -1,5 +1,6 @@
 // ubusd: the broker. Runs in the foreground until SIGTERM or SIGINT.
 
+#include <csignal>
 #include <getopt.h>
 #include <sys/resource.h>
 
@@ -26,14 +27,31 @@ void raise_descriptor_limit() {
     }
 }
 
+// uloop forgets, when it begins to run, that it was asked to end: until then the asking waits.
+void set_end_blocked(bool blocked) {
+    sigset_t end;
+    sigemptyset(&end);
+    sigaddset(&end, SIGTERM);
+    sigaddset(&end, SIGINT);
+    sigprocmask(blocked ? SIG_BLOCK : SIG_UNBLOCK, &end, nullptr);
+}
+
+void on_running(uloop_timeout*) {
+    set_end_blocked(false);
+}
+
 int run(const char* path) {
     raise_descriptor_limit();
+    set_end_blocked(true);
     uloop_init();
     bus::broker broker;
     if (!bus::broker_open(broker, path)) {
         uloop_done();
         return EXIT_FAILURE;
     }
+    uloop_timeout running = {};
+    running.cb = on_running;
+    uloop_timeout_set(&running, 0);
     uloop_run();
     bus::broker_close(broker);
     uloop_done();

@@ -45,13 +45,18 @@ BrokerProcess::~BrokerProcess() {
     rmdir(m_folder.c_str());
 }
 
-void BrokerProcess::start() {
+void BrokerProcess::spawn(const std::function<void()>& prepare) {
     m_pid = fork();
     if (m_pid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL); // also when the test crashes
+        prepare();
         execl(UBUSD_PROGRAM, "ubusd", "-s", m_socket.c_str(), nullptr);
         _exit(127);
     }
+}
+
+void BrokerProcess::start() {
+    spawn([] {});
     EXPECT_TRUE(wait_until([this] { return is_serving(m_socket); }));
 }
 
@@ -70,4 +75,21 @@ void BrokerProcess::stop() {
 
 void BrokerProcess::kill() {
     end_with(SIGKILL);
+}
+
+bool BrokerProcess::ends_at_once_when_asked_before() {
+    spawn([] {
+        sigset_t end;
+        sigemptyset(&end);
+        sigaddset(&end, SIGTERM);
+        sigprocmask(SIG_BLOCK, &end, nullptr);
+        raise(SIGTERM);
+    });
+    int status = -1;
+    if (!wait_until([&] { return waitpid(m_pid, &status, WNOHANG) == m_pid; })) {
+        kill();
+        return false;
+    }
+    m_pid = -1;
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }

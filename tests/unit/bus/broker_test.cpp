@@ -308,6 +308,14 @@ TEST(BrokerSocket, IsOpenToEverybodyAndRemovedAtTheEnd) {
     EXPECT_NE(lstat(broker.socket(), &present), 0);
 }
 
+TEST(BrokerSocket, IsRemovedAlsoWhenTheEndIsAskedForBeforeTheBrokerRuns) {
+    BrokerProcess broker;
+    broker.stop();
+    EXPECT_TRUE(broker.ends_at_once_when_asked_before());
+    struct stat present;
+    EXPECT_NE(lstat(broker.socket(), &present), 0);
+}
+
 TEST(BrokerSocket, IsTakenOverFromABrokerThatCrashed) {
     BrokerProcess broker;
     broker.kill();
