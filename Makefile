@@ -14,7 +14,7 @@ CMAKE_FLAGS := $(if $(CI),-DCRC_WERROR=ON)
 export PYTHONDONTWRITEBYTECODE := 1
 
 .DEFAULT_GOAL := help
-.PHONY: help setup setup-checks build test memcheck demo bench format lint clean
+.PHONY: help setup setup-checks build test memcheck cross demo bench format lint clean
 
 help: ## list the commands
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-8s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
@@ -38,6 +38,9 @@ test: setup-checks build ## build, then run every test
 
 memcheck: setup-checks build ## run the daemon's black-box suite under valgrind
 	@CRC_VALGRIND=1 ctest --preset $(PRESET) -R '^system_daemon$$'
+
+cross: ## build and test what runs on the router for other CPUs (CPU=armhf|mipsel|s390x: that one)
+	@packaging/cross.sh $(CPU)
 
 demo: build ## relay a page of a real web server on this machine (ONCE=1: end after the page)
 	@CRC_BIN=$(CURDIR)/$(BUILD)/bin $(PYTHON) demo/demo.py $(if $(ONCE),--once)

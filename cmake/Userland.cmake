@@ -51,10 +51,16 @@ if(CRC_FOUND_ubox AND CRC_FOUND_blobmsg_json AND CRC_FOUND_uci)
     message(STATUS "libuci:  installed, ${CRC_SYSTEM_uci_LIBRARY}")
     find_program(CRC_UCI_TOOL uci)
 else()
-    set(CRC_DEPS_PREFIX ${CMAKE_SOURCE_DIR}/build/deps/prefix)
+    # One prefix for all builds that run on this machine; another CPU's build has its own.
+    if(CMAKE_CROSSCOMPILING)
+        set(CRC_DEPS_PREFIX ${CMAKE_BINARY_DIR}/deps/prefix)
+    else()
+        set(CRC_DEPS_PREFIX ${CMAKE_SOURCE_DIR}/build/deps/prefix)
+    endif()
     message(STATUS "libubox: bundled, ${CRC_DEPS_PREFIX}")
     message(STATUS "libuci:  bundled, ${CRC_DEPS_PREFIX}")
     execute_process(COMMAND ${CMAKE_SOURCE_DIR}/deps/build.sh ${CRC_DEPS_PREFIX}
+            ${CMAKE_TOOLCHAIN_FILE}
         RESULT_VARIABLE failed)
     if(failed)
         message(FATAL_ERROR "libubox and libuci could not be obtained and built; the reason stands "

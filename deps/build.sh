@@ -1,12 +1,14 @@
 #!/bin/sh
 # Builds the pinned libubox and libuci, static, with their own CMake files.
-#   deps/build.sh PREFIX
+#   deps/build.sh PREFIX [TOOLCHAIN]
 # Leaves headers, archives and the `uci` tool in PREFIX; does nothing when PREFIX already holds
-# what these files describe. Called by CMake at configure time.
+# what these files describe. TOOLCHAIN, a CMake toolchain file, builds for another CPU. Called by
+# CMake at configure time.
 set -eu
 
 here=$(cd "$(dirname "$0")" && pwd)
 prefix=$1
+toolchain=${2-}
 work=$prefix.work
 mkdir -p "$prefix" "$work"
 
@@ -39,6 +41,7 @@ build() { # name, source folder, further CMake arguments
     rm -rf "${work:?}/$name"
     cmake -S "$source" -B "$work/$name" -G Ninja -Wno-dev --log-level=WARNING \
         -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX="$prefix" -DCMAKE_PREFIX_PATH="$prefix" \
+        ${toolchain:+-DCMAKE_TOOLCHAIN_FILE="$toolchain" -DCMAKE_FIND_ROOT_PATH="$prefix"} \
         -DCMAKE_POLICY_VERSION_MINIMUM=3.5 -DCMAKE_POSITION_INDEPENDENT_CODE=ON \
         -DCMAKE_C_FLAGS="-Wno-error -ffunction-sections -fdata-sections" -DBUILD_LUA=OFF "$@"
     cmake --build "$work/$name" -- --quiet

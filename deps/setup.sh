@@ -3,6 +3,7 @@
 #
 #   setup.sh          what the build and the demo need
 #   setup.sh checks   that, and what tests, benchmarks and lint need
+#   setup.sh cross    what builds and runs the router's programs for other CPUs
 set -eu
 
 packages="
@@ -17,6 +18,12 @@ if [ "${1-}" = checks ]; then
         tshark mandoc busybox
         strace binutils valgrind curl wrk nginx-light openssh-server openssh-client
         clang-format-14 clang-tidy-14 shellcheck
+    "
+fi
+if [ "${1-}" = cross ]; then
+    packages="
+        cmake ninja-build lua5.1 openssl iproute2 binutils qemu-user
+        g++-arm-linux-gnueabihf g++-mipsel-linux-gnu g++-s390x-linux-gnu
     "
 fi
 # Any cargo will do; Debian's where there is none.

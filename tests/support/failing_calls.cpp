@@ -137,7 +137,8 @@ extern "C" int __wrap_clock_gettime(clockid_t clock, timespec* now) {
     int result = __real_clock_gettime(clock, now);
     if (clock == CLOCK_REALTIME || clock == CLOCK_MONOTONIC) {
         if (int64_t stop = clockStopsNs[clock]; stop != 0) {
-            *now = {stop / NS_PER_SECOND, stop % NS_PER_SECOND};
+            now->tv_sec = static_cast<time_t>(stop / NS_PER_SECOND);
+            now->tv_nsec = static_cast<long>(stop % NS_PER_SECOND);
         }
         clockReadings[clock]++;
         int64_t offset = clockOffsetsMs[clock];

@@ -168,7 +168,8 @@ void remove_proc_file(const std::string& path) {
 
 void replace_proc_file(const std::string& path, const std::string& text) {
     remove_proc_file(path);
-    put(path, text);
+    // By the folder's other name: an emulator of the other byte order has its own /proc/net/route.
+    put(PROC_NET + path.substr(strlen("/proc/net")), text);
 }
 
 void restore_proc_files() {

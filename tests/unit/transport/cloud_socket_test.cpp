@@ -206,7 +206,8 @@ TEST_F(CloudSocket, ARefusedConnectIsReportedWithItsErrno) {
     EXPECT_EQ(connect(port), -1);
     EXPECT_THAT(log.lines(),
                 AllOf(Contains(error_line(CONNECT, "[CRC:] socket connect select device failed, "
-                                                   "errno:111\n")),
+                                                   "errno:" +
+                                                       std::to_string(ECONNREFUSED) + "\n")),
                       Contains(error_line(CONNECT, "[CRC:] Fail to connect the server, "
                                                    "ip:127.0.0.1, port:" +
                                                        std::to_string(port)))));

@@ -19,6 +19,8 @@ namespace {
 using testing::ElementsAre;
 
 constexpr uint32_t LARGEST_DATA_LEN = 0xFFFFFFFF;
+// That a process has addresses for.
+constexpr uint32_t LARGE_DATA_LEN = sizeof(size_t) > 4 ? LARGEST_DATA_LEN : 0x10000000;
 
 std::string written(const packet_header_t& header) {
     std::string bytes(PACKET_HEADER_SIZE, '?');
@@ -103,11 +105,19 @@ TEST(PacketAllocate, AClaimedLengthCostsNothingUntilItsBytesCome) {
     }
     constexpr long NOTHING_MUCH = 64L * 1024 * 1024;
     long before = resident_bytes();
-    block_ptr block(packet_allocate(LARGEST_DATA_LEN));
+    block_ptr block(packet_allocate(LARGE_DATA_LEN));
     ASSERT_NE(block, nullptr);
     EXPECT_LT(resident_bytes() - before, NOTHING_MUCH);
-    block.get()[12 + size_t{LARGEST_DATA_LEN}] = 'x'; // the spare byte is there
+    block.get()[12 + size_t{LARGE_DATA_LEN}] = 'x'; // the spare byte is there
 }
+
+#if SIZE_MAX == UINT32_MAX
+TEST(PacketAllocate, IsNullForALengthWhoseBlockNoSizeCanTell) {
+    for (uint32_t beyond = 0; beyond < 13; beyond++) { // header and spare byte
+        EXPECT_EQ(packet_allocate(LARGEST_DATA_LEN - beyond), nullptr);
+    }
+}
+#endif
 
 TEST(PacketAllocate, IsNullForALengthBeyondTheProcessLimit) {
     memory_limit limit;
