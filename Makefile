@@ -14,7 +14,7 @@ CMAKE_FLAGS := $(if $(CI),-DCRC_WERROR=ON)
 export PYTHONDONTWRITEBYTECODE := 1
 
 .DEFAULT_GOAL := help
-.PHONY: help setup setup-checks build test memcheck cross demo bench format lint clean
+.PHONY: help setup setup-checks build programs test memcheck cross demo bench format lint clean
 
 help: ## list the commands
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-8s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
@@ -42,7 +42,12 @@ memcheck: setup-checks build ## run the daemon's black-box suite under valgrind
 cross: ## build and test what runs on the router for other CPUs (CPU=armhf|mipsel|s390x: that one)
 	@packaging/cross.sh $(CPU)
 
-demo: build ## relay a page of a real web server on this machine (ONCE=1: end after the page)
+# What the demo starts; tests take much longer to build.
+programs: setup $(BUILD)/build.ninja
+	@cmake --build --preset $(PRESET) -j $(JOBS) \
+		--target cloud_relay_client cloud_relay_supervisor relay_server ubusd ubus
+
+demo: programs ## relay a page of a real web server on this machine (ONCE=1: end after the page)
 	@CRC_BIN=$(CURDIR)/$(BUILD)/bin $(PYTHON) demo/demo.py $(if $(ONCE),--once)
 
 bench: setup-checks build ## measure: the daemon, the whole chain beside other tunnels, the relay, the bus
