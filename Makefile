@@ -45,7 +45,7 @@ cross: ## build and test what runs on the router for other CPUs (CPU=armhf|mipse
 # What the demo starts; tests take much longer to build.
 programs: setup $(BUILD)/build.ninja
 	@cmake --build --preset $(PRESET) -j $(JOBS) \
-		--target cloud_relay_client cloud_relay_supervisor relay_server ubusd ubus
+		--target cloud_relay_client cloud_relay_supervisor relay_server ubusd ubus_tool
 
 demo: programs ## relay a page of a real web server on this machine (ONCE=1: end after the page)
 	@CRC_BIN=$(CURDIR)/$(BUILD)/bin $(PYTHON) demo/demo.py $(if $(ONCE),--once)
