@@ -72,6 +72,13 @@ class Demo(Process):
                     return each
         return None
 
+    def kill(self):
+        """Ends all that runs for it, as a failed test must."""
+        for each in self.relatives():
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(each, signal.SIGKILL)
+        super().kill()
+
     def end(self):
         """Waits for its end; its exit status. It must have left nothing behind."""
         status = self.wait()
