@@ -50,11 +50,12 @@ programs: setup $(BUILD)/build.ninja
 demo: programs ## relay a page of a real web server on this machine (ONCE=1: end after the page)
 	@CRC_BIN=$(CURDIR)/$(BUILD)/bin $(PYTHON) demo/demo.py $(if $(ONCE),--once)
 
-bench: setup-checks build ## measure: the daemon, the whole chain beside other tunnels, the relay, the bus
-	@CRC_BIN=$(CURDIR)/$(BUILD)/bin $(PYTHON) tests/support/measure.py --json $(BUILD)/daemon.json
-	@CRC_BIN=$(CURDIR)/$(BUILD)/bin $(PYTHON) bench/chain.py --json $(BUILD)/chain.json
-	@CRC_BIN=$(CURDIR)/$(BUILD)/bin $(PYTHON) bench/relay_bench.py --json $(BUILD)/relay.json
-	@$(BUILD)/bin/bus_bench
+bench: setup-checks build ## measure: the whole chain beside other tunnels, the relay, the bus, the daemon
+	@export CRC_BIN=$(CURDIR)/$(BUILD)/bin; \
+	$(PYTHON) bench/chain.py --json $(BUILD)/chain.json && \
+	$(PYTHON) bench/relay_bench.py --json $(BUILD)/relay.json && \
+	$(BUILD)/bin/bus_bench && \
+	$(PYTHON) tests/support/measure.py --json $(BUILD)/daemon.json
 
 format: setup-checks ## format the sources
 	@clang-format-14 -i $(SOURCES)
