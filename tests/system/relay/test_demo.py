@@ -25,10 +25,10 @@ pytestmark = [pytest.mark.lasts(5)]
 # The tests' own places are no ground for a demo, which makes its own out of the machine's.
 OUTSIDE = namespaces.mounts_of_now()
 
-# Runs the demo with a /tmp of its own, where all that it leaves there shows, and our programs in
-# /mnt, since they may stand below /tmp. Tells in the end what has changed.
+# Runs the demo with a /tmp of its own, where all that it leaves there shows, and with our programs
+# in /mnt and the tree in /srv, since both may stand below /tmp. Tells in the end what has changed.
 _SURROUNDINGS = """
-mount --bind "$1" /mnt; mount -t tmpfs tmpfs /tmp; chmod 1777 /tmp; shift
+mount --bind "$1" /mnt; mount --bind "$2" /srv; mount -t tmpfs tmpfs /tmp; chmod 1777 /tmp; shift 2
 look() { cat /proc/self/mounts; ls -A /etc /run /tmp /usr/lib; }
 before=$(look)
 trap : INT TERM
@@ -48,8 +48,8 @@ class Demo(Process):
         super().__init__(
             "setsid", "nsenter", f"--mount=/proc/{os.getpid()}/fd/{OUTSIDE}",
             "unshare", "--mount", "sh", "-c", _SURROUNDINGS, "sh",
-            programs or Path(program("ubus")).parent, *wrapper,
-            "/usr/bin/python3", TREE / "demo" / "demo.py", *arguments,
+            programs or Path(program("ubus")).parent, TREE, *wrapper,
+            "/usr/bin/python3", "/srv/demo/demo.py", *arguments,
             environment={"CRC_BIN": "/mnt", "PATH": path + os.environ["PATH"],
                          "PYTHONDONTWRITEBYTECODE": "1"})
 
