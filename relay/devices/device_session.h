@@ -32,7 +32,8 @@ class DeviceSession : public std::enable_shared_from_this<DeviceSession> {
 public:
     DeviceSession(DeviceServices& services, Socket socket, TlsContext tls);
 
-    // Runs the connection to its end. Calls services.admitted and .ended of the directory.
+    // Runs the connection to its end. Tells services.directory when it is admitted and when it
+    // has ended.
     Awaitable<void> run();
 
     // Ends the connection: open exchanges are gone, `why` goes to the log.

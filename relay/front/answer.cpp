@@ -1,8 +1,7 @@
 #include "front/answer.h"
 
 #include "base/text.h"
-#include "front/pages.h"
-#include "front/request.h"
+#include "front/headers.h"
 
 #include <array>
 #include <charconv>
@@ -10,22 +9,11 @@
 namespace relay {
 namespace {
 
-std::string_view view(boost::beast::string_view text) {
-    return {text.data(), text.size()};
-}
-
 bool is_own_host(std::string_view host, std::string_view device_host) {
     const auto name_of = [](std::string_view text) { return text.substr(0, text.rfind(':')); };
     const auto name = name_of(host);
     return equals_ignoring_case(name, name_of(device_host)) ||
            equals_ignoring_case(name, "localhost") || name == "127.0.0.1";
-}
-
-void append_header(std::string& head, std::string_view name, std::string_view value) {
-    head += name;
-    head += ": ";
-    head += value;
-    head += "\r\n";
 }
 
 std::string chunk_head(std::size_t bytes) {

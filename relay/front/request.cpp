@@ -1,18 +1,13 @@
 #include "front/request.h"
 
 #include "base/text.h"
-
-#include <array>
+#include "front/headers.h"
 
 namespace relay {
 namespace {
 
 PageReason bad_request(std::string text) {
     return {400, std::move(text), "bad_request"};
-}
-
-std::string_view view(boost::beast::string_view text) {
-    return {text.data(), text.size()};
 }
 
 std::string_view value_of(const RequestHead& head, http::field field) {
@@ -28,19 +23,6 @@ bool is_forwarding(std::string_view name) {
     return false;
 }
 
-// True when `list`, separated by commas, has `name`.
-bool has_token(std::string_view list, std::string_view name) {
-    while (!list.empty()) {
-        const auto comma = list.find(',');
-        if (equals_ignoring_case(trimmed(list.substr(0, comma)), name))
-            return true;
-        if (comma == list.npos)
-            return false;
-        list.remove_prefix(comma + 1);
-    }
-    return false;
-}
-
 // "host", "host:80", "[::1]:80": without the port.
 std::string_view without_port(std::string_view host) {
     const auto colon = host.rfind(':');
@@ -53,13 +35,6 @@ bool is_host(std::string_view text) {
     return !text.empty() && text.size() <= 255 &&
            text.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789"
                                   "-_.:[]") == text.npos;
-}
-
-void append_header(std::string& head, std::string_view name, std::string_view value) {
-    head += name;
-    head += ": ";
-    head += value;
-    head += "\r\n";
 }
 
 } // namespace
@@ -143,32 +118,6 @@ std::optional<Route> route_of(const RequestHead& head, std::string_view base_dom
         name[name.size() - base_domain.size() - 1] == '.')
         route.device_id = name.substr(0, name.size() - base_domain.size() - 1);
     return route;
-}
-
-std::string connection_options(const http::fields& head) {
-    std::string options;
-    const auto [begin, end] = head.equal_range(http::field::connection);
-    for (auto each = begin; each != end; ++each) {
-        options += view(each->value());
-        options += ',';
-    }
-    return options;
-}
-
-bool is_hop_by_hop(std::string_view name, std::string_view connection) {
-    constexpr std::array<std::string_view, 9> names = {"connection",
-                                                       "keep-alive",
-                                                       "proxy-connection",
-                                                       "proxy-authenticate",
-                                                       "proxy-authorization",
-                                                       "te",
-                                                       "trailer",
-                                                       "transfer-encoding",
-                                                       "upgrade"};
-    for (const auto each : names)
-        if (equals_ignoring_case(name, each))
-            return true;
-    return has_token(connection, name);
 }
 
 std::string device_head(const RequestHead& head, const Route& route, const Forwarding& forwarding,

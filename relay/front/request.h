@@ -52,11 +52,4 @@ struct Forwarding {
 std::string device_head(const RequestHead& head, const Route& route, const Forwarding& forwarding,
                         std::size_t body_bytes, bool has_body);
 
-// The values of all Connection headers as one list.
-std::string connection_options(const http::fields& head);
-
-// True for headers between two neighbours (RFC 9110, 7.6.1), which are not passed on; `connection`
-// is what connection_options() says, which may name more.
-bool is_hop_by_hop(std::string_view name, std::string_view connection);
-
 } // namespace relay

@@ -1,0 +1,61 @@
+#include "front/headers.h"
+
+#include "base/text.h"
+
+#include <array>
+
+namespace relay {
+
+namespace http = boost::beast::http;
+
+namespace {
+
+// True when `list`, separated by commas, has `name`.
+bool has_token(std::string_view list, std::string_view name) {
+    while (!list.empty()) {
+        const auto comma = list.find(',');
+        if (equals_ignoring_case(trimmed(list.substr(0, comma)), name))
+            return true;
+        if (comma == list.npos)
+            return false;
+        list.remove_prefix(comma + 1);
+    }
+    return false;
+}
+
+} // namespace
+
+void append_header(std::string& head, std::string_view name, std::string_view value) {
+    head += name;
+    head += ": ";
+    head += value;
+    head += "\r\n";
+}
+
+std::string connection_options(const http::fields& head) {
+    std::string options;
+    const auto [begin, end] = head.equal_range(http::field::connection);
+    for (auto each = begin; each != end; ++each) {
+        options += view(each->value());
+        options += ',';
+    }
+    return options;
+}
+
+bool is_hop_by_hop(std::string_view name, std::string_view connection) {
+    constexpr std::array<std::string_view, 9> names = {"connection",
+                                                       "keep-alive",
+                                                       "proxy-connection",
+                                                       "proxy-authenticate",
+                                                       "proxy-authorization",
+                                                       "te",
+                                                       "trailer",
+                                                       "transfer-encoding",
+                                                       "upgrade"};
+    for (const auto each : names)
+        if (equals_ignoring_case(name, each))
+            return true;
+    return has_token(connection, name);
+}
+
+} // namespace relay
