@@ -22,6 +22,15 @@ std::string chunk_head(std::size_t bytes) {
     return std::string(digits, end) + "\r\n";
 }
 
+// The values of all Connection headers as one list.
+std::string connection_options(const AnswerHead& head) {
+    std::string options;
+    const auto [begin, end] = head.equal_range(http::field::connection);
+    for (auto each = begin; each != end; ++each)
+        options.append(view(each->value())) += ',';
+    return options;
+}
+
 } // namespace
 
 std::optional<BodyFraming> framing_of(const AnswerParser& parser, bool to_head,

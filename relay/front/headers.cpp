@@ -6,8 +6,6 @@
 
 namespace relay {
 
-namespace http = boost::beast::http;
-
 namespace {
 
 // True when `list`, separated by commas, has `name`.
@@ -30,16 +28,6 @@ void append_header(std::string& head, std::string_view name, std::string_view va
     head += ": ";
     head += value;
     head += "\r\n";
-}
-
-std::string connection_options(const http::fields& head) {
-    std::string options;
-    const auto [begin, end] = head.equal_range(http::field::connection);
-    for (auto each = begin; each != end; ++each) {
-        options += view(each->value());
-        options += ',';
-    }
-    return options;
 }
 
 bool is_hop_by_hop(std::string_view name, std::string_view connection) {

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <boost/beast/core/string_type.hpp>
-#include <boost/beast/http/fields.hpp>
 
 #include <string>
 #include <string_view>
@@ -16,11 +15,8 @@ inline std::string_view view(boost::beast::string_view text) {
 // Appends "name: value" and the end of the line.
 void append_header(std::string& head, std::string_view name, std::string_view value);
 
-// The values of all Connection headers as one list.
-std::string connection_options(const boost::beast::http::fields& head);
-
 // True for headers between two neighbours (RFC 9110, 7.6.1), which are not passed on; `connection`
-// is what connection_options() says, which may name more.
+// is the values of all Connection headers as one list, which may name more.
 bool is_hop_by_hop(std::string_view name, std::string_view connection);
 
 } // namespace relay

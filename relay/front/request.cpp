@@ -3,6 +3,9 @@
 #include "base/text.h"
 #include "front/headers.h"
 
+#include <algorithm>
+#include <vector>
+
 namespace relay {
 namespace {
 
@@ -14,13 +17,45 @@ std::string_view value_of(const RequestHead& head, http::field field) {
     return view(head[field]);
 }
 
-// The relay's own word about where a request comes from replaces what the request says itself.
-bool is_forwarding(std::string_view name) {
-    for (const std::string_view each : {"x-forwarded-for", "x-forwarded-proto", "x-forwarded-host",
-                                        "x-forwarded-port", "x-real-ip", "forwarded"})
+// What the relay has settled with the user, or tells the device in words of its own: where a
+// request comes from is believed of nobody.
+bool is_written_anew(std::string_view name) {
+    for (const std::string_view each :
+         {"host", "content-length", "expect", "x-forwarded-for", "x-forwarded-proto",
+          "x-forwarded-host", "x-forwarded-port", "x-real-ip", "forwarded"})
         if (equals_ignoring_case(name, each))
             return true;
     return false;
+}
+
+// The next line of a head, which it loses.
+std::string_view take_line(std::string_view& head) {
+    const auto line = head.substr(0, head.find("\r\n"));
+    head.remove_prefix(std::min(head.size(), line.size() + 2));
+    return line;
+}
+
+struct Header {
+    std::string_view name, value;
+};
+
+// The headers in the lines behind the first, in their order.
+std::vector<Header> headers_of(std::string_view lines) {
+    std::vector<Header> headers;
+    for (auto line = take_line(lines); !line.empty(); line = take_line(lines)) {
+        const auto colon = line.find(':');
+        headers.push_back({line.substr(0, colon), trimmed(line.substr(colon + 1))});
+    }
+    return headers;
+}
+
+// The values of all Connection headers as one list.
+std::string connection_options(const std::vector<Header>& headers) {
+    std::string options;
+    for (const auto& [name, value] : headers)
+        if (equals_ignoring_case(name, "connection"))
+            options.append(value) += ',';
+    return options;
 }
 
 // "host", "host:80", "[::1]:80": without the port.
@@ -120,23 +155,22 @@ std::optional<Route> route_of(const RequestHead& head, std::string_view base_dom
     return route;
 }
 
-std::string device_head(const RequestHead& head, const Route& route, const Forwarding& forwarding,
+std::string device_head(std::string_view head, const Route& route, const Forwarding& forwarding,
                         std::size_t body_bytes, bool has_body) {
+    const auto first = take_line(head);
+    const auto headers = headers_of(head);
     std::string text;
     text.reserve(1024);
-    text += view(head.method_string());
+    text += first.substr(0, first.find(' '));
     text += ' ';
     text += route.target;
-    text += head.version() == 10 ? " HTTP/1.0\r\n" : " HTTP/1.1\r\n";
+    text += first.substr(first.rfind(' '));
+    text += "\r\n";
     append_header(text, "Host", forwarding.device_host);
-    const auto connection = connection_options(head);
-    for (const auto& field : head) {
-        const auto name = view(field.name_string());
-        if (field.name() != http::field::host && field.name() != http::field::content_length &&
-            field.name() != http::field::expect && !is_hop_by_hop(name, connection) &&
-            !is_forwarding(name))
-            append_header(text, name, view(field.value()));
-    }
+    const auto connection = connection_options(headers);
+    for (const auto& [name, value] : headers)
+        if (!is_written_anew(name) && !is_hop_by_hop(name, connection))
+            append_header(text, name, value);
     if (has_body)
         append_header(text, "Content-Length", std::to_string(body_bytes));
     append_header(text, "X-Forwarded-For", forwarding.user);

@@ -48,8 +48,10 @@ struct Forwarding {
     std::string_view scheme;      // "http" or "https"
 };
 
-// The head that the device's web server gets, empty line included.
-std::string device_head(const RequestHead& head, const Route& route, const Forwarding& forwarding,
+// The head that the device's web server gets, empty line included. `head` is the user's as it came,
+// checked and parsed: the parser's own record has headers of one name moved together, and the
+// trailers of a chunked body among them, where nobody would look for forged ones.
+std::string device_head(std::string_view head, const Route& route, const Forwarding& forwarding,
                         std::size_t body_bytes, bool has_body);
 
 } // namespace relay

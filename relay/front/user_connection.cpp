@@ -117,7 +117,8 @@ Awaitable<bool> UserConnection::read_head(Turn& turn) {
 
 bool UserConnection::parse_head(Turn& turn, std::size_t head_bytes) {
     error_code error;
-    turn.parser.put(asio::buffer(input_.data(), head_bytes), error);
+    turn.head = input_.substr(0, head_bytes);
+    turn.parser.put(asio::buffer(turn.head), error);
     input_.erase(0, head_bytes);
     const auto& head = turn.parser.get();
     turn.to_head = head.method() == http::verb::head;
@@ -167,8 +168,6 @@ Awaitable<bool> UserConnection::read_body(Turn& turn) {
         if (!written)
             co_return false;
     }
-    if (turn.parser.chunked())
-        turn.head = turn.parser.get().base();
     turn.parser.eager(true);
     while (true) {
         const auto taken = turn.parser.put(asio::buffer(input_), error);
@@ -209,7 +208,7 @@ std::shared_ptr<Exchange> UserConnection::submit(Turn& turn) {
     const auto& request = turn.parser.get();
     const bool has_body = turn.parser.chunked() || turn.parser.content_length().has_value();
     const auto head =
-        device_head(turn.head ? *turn.head : request.base(), *turn.route,
+        device_head(turn.head, *turn.route,
                     {options_.device_host, stream_.address(), stream_.is_tls() ? "https" : "http"},
                     request.body().size(), has_body);
     auto packet = make_packet(PacketType::request, 0, head, request.body());

@@ -30,10 +30,8 @@ private:
         Clock::time_point began;
         RequestParser parser;
         std::optional<Route> route;
-        // A chunked body may end with trailers. The parser adds them to the head, where nobody
-        // would look for forged ones: the device gets the head as it was before.
-        std::optional<RequestHead> head;
-        PageReason page; // what the relay answers itself, while status is not 0
+        std::string head; // as it came
+        PageReason page;  // what the relay answers itself, while status is not 0
         bool keep_alive = false;
         bool to_head = false;         // a HEAD request
         unsigned status = 0;          // as sent

@@ -256,7 +256,7 @@ std::string forwarded(const std::string& text, std::size_t body_bytes = 0, bool 
     EXPECT_FALSE(parsed.error()) << parsed.error().message();
     const auto found = route_of(parsed.head(), "localhost");
     EXPECT_TRUE(found);
-    return device_head(parsed.head(), *found, forwarding, body_bytes, has_body);
+    return device_head(text, *found, forwarding, body_bytes, has_body);
 }
 
 TEST(DeviceHead, IsTheUsersWithTheRelaysWordsAboutIt) {
@@ -266,6 +266,12 @@ TEST(DeviceHead, IsTheUsersWithTheRelaysWordsAboutIt) {
         "GET /x?y HTTP/1.1\r\nHost: 127.0.0.1\r\nAccept: */*\r\nCookie: a=b\r\ncookie: c=d\r\n"
         "User-Agent: test\r\nX-Forwarded-For: 192.0.2.7\r\nX-Forwarded-Proto: http\r\n"
         "X-Forwarded-Host: a.localhost:80\r\nConnection: close\r\n\r\n");
+}
+
+TEST(DeviceHead, KeepsTheOrderOfHeadersAlsoOfOneName) {
+    EXPECT_THAT(forwarded("GET / HTTP/1.1\r\nX-A: 1\r\nHost: a.localhost\r\nX-B: 2\r\nx-a:3 \r\n"
+                          "X-Empty:\r\nX-A: \t4:5\t\r\n\r\n"),
+                HasSubstr("X-A: 1\r\nX-B: 2\r\nx-a: 3\r\nX-Empty: \r\nX-A: 4:5\r\n"));
 }
 
 TEST(DeviceHead, KeepsTheVersion) {
