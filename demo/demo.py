@@ -2,15 +2,21 @@
 
     demo.py [--once]
 
-Brings up, in a private mount namespace and on free loopback ports, so that nothing on the machine
-changes, a router (bus, identity services, configuration, web server with a small page) and
-relay_server; starts the daemon, points it at the relay with a real `reload`, and fetches the page
-as an owner would. With --once it ends there, with status 0 only if the page that came is the page
-that is served. Else the supervisor keeps the session up until Ctrl-C: kill what you like.
+Brings up relay_server on free loopback ports and, with files and a network of its own, so that
+nothing on the machine changes, a router (bus, identity services, configuration, web server with a
+small page) behind an uplink; starts the daemon, points it at the relay with a real `reload`, and
+fetches the page as an owner would. With --once it ends there, with status 0 only if the page that
+came is the page that is served. Else the supervisor keeps the session up until Ctrl-C: break what
+you like.
 """
 
 import argparse
+import contextlib
+import itertools
+import os
+import select
 import signal
+import subprocess
 import sys
 import time
 from pathlib import Path
@@ -18,6 +24,7 @@ from pathlib import Path
 TREE = Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(TREE / "tests" / "support"))
 
+import namespaces  # noqa: E402
 from certificates import Authority  # noqa: E402
 from daemon import OBJECT, Daemon  # noqa: E402
 from relay_server import ADDRESS, RelayServer  # noqa: E402
@@ -25,6 +32,11 @@ from router import Router, prepare  # noqa: E402
 from supervised import Supervisor  # noqa: E402
 from web_peer import Lighttpd  # noqa: E402
 
+from internet import Internet  # noqa: E402
+
+# Where the router finds the relay.
+RELAY_ADDRESS, RELAY_PORT = "198.51.100.7", 443
+OUTAGE_S = 3
 LOOK_S = 0.3
 PAGES = TREE / "demo" / "www"
 
@@ -33,66 +45,149 @@ def say(text):
     print(f"== {text}", flush=True)
 
 
+class Line:
+    """The router's uplink, with the relay somewhere behind it."""
+
+    def __init__(self, internet, relay_port):
+        self._internet, self._relay_port = internet, relay_port
+        self._leases = itertools.count(1)
+        self._cut_at = None
+        self._plug_in()
+
+    def _plug_in(self):
+        self._uplink = namespaces.Uplink("wan", next(self._leases), metric=10,
+                                         hosts=[RELAY_ADDRESS])
+        self._internet.lead(self._uplink.listen(RELAY_ADDRESS, RELAY_PORT), ADDRESS,
+                            self._relay_port)
+
+    def cut(self):
+        if self._cut_at is None:
+            self._uplink.remove()
+            self._cut_at = time.monotonic()
+
+    def mend(self):
+        """True when the uplink was cut for long enough and is back, with another address."""
+        if self._cut_at is None or time.monotonic() - self._cut_at < OUTAGE_S:
+            return False
+        self._cut_at = None
+        self._plug_in()
+        return True
+
+
+class Owner:
+    """Whoever looks at the router from outside."""
+
+    def __init__(self, internet, relay, device_id):
+        self._internet, self._relay, self._device_id = internet, relay, device_id
+        self._session = None
+
+    def wait_for_device(self):
+        self._internet.run(self._relay.wait_for_device, self._device_id)
+        self.has_new_session()
+
+    def has_new_session(self):
+        """True once for each session of the device."""
+        try:
+            device = self._internet.run(self._relay.devices).get(self._device_id)
+        except OSError:  # no relay just now
+            return False
+        is_new = device is not None and device["since"] != self._session
+        if is_new:
+            self._session = device["since"]
+        return is_new
+
+    def fetch(self):
+        """The page, and the seconds that it took."""
+        started = time.monotonic()
+        response = self._internet.run(self._relay.get, self._device_id, "/index.html")
+        seconds = time.monotonic() - started
+        if response.status != 200 or response.body != (PAGES / "index.html").read_bytes():
+            sys.exit(f"demo: not the page that is served, but {response.status}: {response.body!r}")
+        return response.body.decode(), seconds
+
+
 def enter():
-    """The private places. Says so where the machine allows none."""
+    """The private places, and what is left outside. Says so where the machine allows none."""
     try:
-        return prepare(private_network=False)
+        places = prepare(private_network=False)
+        internet = Internet()
+        namespaces.leave_network()
+        return places, internet
     except OSError as error:
         sys.exit(f"demo: this machine lets an ordinary user make no namespaces ({error}); "
                  "run it as root")
 
 
-def fetch(relay, device_id):
-    """The page as an owner gets it, and the seconds that it took."""
-    started = time.monotonic()
-    response = relay.get(device_id, "/index.html")
-    seconds = time.monotonic() - started
-    if response.status != 200 or response.body != (PAGES / "index.html").read_bytes():
-        sys.exit(f"demo: not the page that is served, but {response.status}: {response.body!r}")
-    return response.body.decode(), seconds
-
-
 def show_addresses(relay, device_id):
     print(f"\n  dashboard        http://{ADDRESS}:{relay.admin_port}/"
           f"\n  the router       http://{relay.host(device_id)}/"
-          f"\n\nKill the relay (process {relay.pid}) and see it come back. Ctrl-C ends it.",
-          flush=True)
+          "\n\nType relay, bus or uplink, and Enter, to break it and see it come back. "
+          "Ctrl-C ends it.", flush=True)
 
 
-def stay_up(home, relay, supervisor):
-    """Plays whoever starts relay and bus again on a real machine; sessions are the supervisor's."""
-    supervisor.configure(f"{ADDRESS}:{relay.device_port}").start()
+def typed(streams):
+    """The word that was typed, if any, at most LOOK_S later. Takes away a stream that has ended."""
+    ready = select.select(streams, [], [], LOOK_S)[0]
+    line = os.read(ready[0].fileno(), 1024) if ready else b""
+    if ready and not line:
+        streams.clear()
+    return line.decode(errors="replace").strip()
+
+
+def stay_up(home, relay, internet, line, owner):
+    """Breaks what is asked for, and plays whoever starts relay and bus again and mends the uplink
+    on a real router; sessions are the supervisor's."""
+    actions = {"relay": lambda: os.kill(relay.pid, signal.SIGKILL),
+               "bus": lambda: os.kill(home.bus.pid, signal.SIGKILL), "uplink": line.cut}
+    streams = [sys.stdin]
     while True:
-        time.sleep(LOOK_S)
+        word = typed(streams)
+        if word in actions:
+            actions[word]()
+            say(f"the {word} is gone")
+        elif word:
+            say(f"there is no {word!r} to break; type relay, bus or uplink")
         if relay.has_ended:
-            say(f"the relay has ended; it runs again as process {relay.restart().pid}")
+            say(f"the relay has ended; it runs again as process {internet.run(relay.restart).pid}")
         if home.bus_has_ended:
             home.restart_bus()
             say("the bus has ended; it runs again")
+        if line.mend():
+            say("the uplink is back, with another address")
+        if owner.has_new_session():
+            say("the device has a new session")
 
 
-def play(once, places, daemon):
+def connect(daemon, owner):
+    say(f"the router is up; ubus call {OBJECT} reload")
+    if daemon.reload(RELAY_ADDRESS, RELAY_PORT).status != 0:
+        sys.exit("demo: the reload was refused")
+    owner.wait_for_device()
+    say("the device is connected; this is its page, fetched through the relay:")
+    page, seconds = owner.fetch()
+    print(page)
+    say(f"it came from the router's web server in {seconds * 1000:.1f} ms")
+
+
+def play(once, places, internet, daemon):
     authority = Authority(places.scratch / "authority")
-    with (Router(authority) as home, Lighttpd(PAGES, places.scratch) as web,
-          RelayServer(places.scratch / "relay", authority.certificate()) as relay):
-        home.set_web_port(web.port)
+    with contextlib.ExitStack() as running:
+        relay = RelayServer(places.scratch / "relay", authority.certificate())
+        running.push(internet.run(relay.start))
         say(f"relay_server is up, devices connect to port {relay.device_port}")
+        home = running.enter_context(Router(authority))
+        home.set_web_port(running.enter_context(Lighttpd(PAGES, places.scratch)).port)
+        line = Line(internet, relay.device_port)
+        owner = Owner(internet, relay, home.identity.device_id)
         daemon.start().wait_for_object()
-        say(f"the router is up; ubus call {OBJECT} reload")
-        if daemon.reload(ADDRESS, relay.device_port).status != 0:
-            sys.exit("demo: the reload was refused")
-        device_id = home.identity.device_id
-        relay.wait_for_device(device_id)
-        say("the device is connected; this is its page, fetched through the relay:")
-        page, seconds = fetch(relay, device_id)
-        print(page)
-        say(f"it came from the router's web server in {seconds * 1000:.1f} ms")
+        connect(daemon, owner)
         if once:
             return
-        show_addresses(relay, device_id)
-        supervisor = Supervisor(home)
+        show_addresses(relay, home.identity.device_id)
+        supervisor = Supervisor(home).configure(f"{RELAY_ADDRESS}:{RELAY_PORT}")
         try:
-            stay_up(home, relay, supervisor)
+            supervisor.start()
+            stay_up(home, relay, internet, line, owner)
         finally:
             supervisor.finish()
 
@@ -102,12 +197,14 @@ def main():
     arguments.add_argument("--once", action="store_true", help="end after the fetch")
     once = arguments.parse_args().once
     signal.signal(signal.SIGTERM, signal.default_int_handler)
-    places = enter()
+    places, internet = enter()
     daemon = Daemon()
     try:
-        play(once, places, daemon)
+        play(once, places, internet, daemon)
     except KeyboardInterrupt:
         print()
+    except subprocess.CalledProcessError as error:
+        sys.exit(f"demo: {' '.join(error.cmd)}: {error.stderr.strip()}")
     finally:
         daemon.finish()
 

@@ -80,12 +80,17 @@ def enter(private_network=True):
     Without a private network the machine's own loopback stays, for a browser outside.
     """
     become_root()
-    kinds = _CLONE_NEWNS | _CLONE_NEWUTS | _CLONE_NEWIPC
-    _unshare(kinds | (_CLONE_NEWNET if private_network else 0))
+    _unshare(_CLONE_NEWNS | _CLONE_NEWUTS | _CLONE_NEWIPC)
     _mount("none", "/", flags=_MS_REC | _MS_PRIVATE)
     if private_network:
-        _bring_up("lo")
+        leave_network()
     return Places()
+
+
+def leave_network():
+    """Moves the calling thread, and none other that runs already, into a network of its own."""
+    _unshare(_CLONE_NEWNET)
+    _bring_up("lo")
 
 
 def mounts_of_now():
@@ -141,10 +146,10 @@ class Uplink:
 
     `network` is the third byte of the addresses on the line: ours is 10.7.NETWORK.2, the gateway's
     10.7.NETWORK.1. The route over it has the given metric; the smallest is the one that the kernel
-    takes for a socket bound to no device.
+    takes for a socket bound to no device. `hosts` are there before the route is, see host().
     """
 
-    def __init__(self, device, network, metric):
+    def __init__(self, device, network, metric, hosts=()):
         self.device = device
         self.gateway = f"10.7.{network}.1"
         self.address = f"10.7.{network}.2"
@@ -156,6 +161,8 @@ class Uplink:
         self._ip_inside("address", "add", f"{self.gateway}/24", "dev", "line")
         self._ip_inside("link", "set", "line", "up")
         self._ip_inside("link", "set", "lo", "up")
+        for address in hosts:
+            self.host(address)
         _ip("route", "add", "default", "via", self.gateway, "dev", device, "metric", metric)
 
     def _ip_inside(self, *arguments):

@@ -121,12 +121,13 @@ class Output:
 class Process:
     """A running program. Use it as a context manager, or call stop() or kill() in the end."""
 
-    def __init__(self, *arguments, environment=None, directory=None, user=None):
+    def __init__(self, *arguments, environment=None, directory=None, user=None,
+                 stdin=subprocess.DEVNULL):
         """`user`: a uid to run as (its groups are dropped), for tests that run as root."""
         identity = {} if user is None else {"user": user, "group": user, "extra_groups": []}
         self.arguments = [str(argument) for argument in arguments]
         self._popen = subprocess.Popen(
-            self.arguments, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+            self.arguments, stdin=stdin, stdout=subprocess.PIPE,
             stderr=subprocess.PIPE, env=environment_of(environment), cwd=directory, **identity)
         self.pid = self._popen.pid
         self.output = Output(self._popen.stdout)

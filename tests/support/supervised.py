@@ -73,7 +73,8 @@ class Supervisor:
             environment["CLOUD_RELAY_SUPERVISOR_SEED"] = str(seed)
         self._process = subprocess.Popen(
             [shutil.which("setpriv"), "--pdeathsig", "KILL", program("cloud_relay_supervisor")],
-            stdin=subprocess.DEVNULL, stdout=theirs, stderr=theirs, cwd="/", env=environment)
+            stdin=subprocess.DEVNULL, stdout=theirs, stderr=theirs, cwd="/", env=environment,
+            process_group=0)  # a terminal's Ctrl-C is ours alone
         os.close(theirs)
         self.log = Log(ours)
         self.pid = self._process.pid

@@ -45,13 +45,23 @@ class Demo(Process):
 
     def __init__(self, *arguments, wrapper=(), programs=None, path=""):
         """`programs`: the folder to take them from. `path`: what comes first in PATH."""
+        keyboard, self.keyboard = os.pipe()
         super().__init__(
             "setsid", "nsenter", f"--mount=/proc/{os.getpid()}/fd/{OUTSIDE}",
             "unshare", "--mount", "sh", "-c", _SURROUNDINGS, "sh",
             programs or Path(program("ubus")).parent, TREE, *wrapper,
             "/usr/bin/python3", "/srv/demo/demo.py", *arguments,
             environment={"CRC_BIN": "/mnt", "PATH": path + os.environ["PATH"],
-                         "PYTHONDONTWRITEBYTECODE": "1"})
+                         "PYTHONDONTWRITEBYTECODE": "1"}, stdin=keyboard)
+        os.close(keyboard)
+
+    def type(self, line):
+        os.write(self.keyboard, f"{line}\n".encode())
+
+    def close_keyboard(self):
+        if self.keyboard is not None:
+            os.close(self.keyboard)
+            self.keyboard = None
 
     def relatives(self):
         """Process ids of all that runs for it, the shell around it not counted."""
@@ -78,6 +88,10 @@ class Demo(Process):
             with contextlib.suppress(ProcessLookupError):
                 os.kill(each, signal.SIGKILL)
         super().kill()
+
+    def __exit__(self, *raised):
+        self.close_keyboard()
+        super().__exit__(*raised)
 
     def end(self):
         """Waits for its end; its exit status. It must have left nothing behind."""
@@ -152,30 +166,46 @@ def test_it_stays_up_until_told_to_end_and_leaves_nothing(number):
     assert demo.errors.text == ""
 
 
-def process_of(demo, name):
-    for each in demo.relatives():
-        with contextlib.suppress(OSError):  # it may end meanwhile
-            if Path(f"/proc/{each}/comm").read_text().strip() == name:
-                return each
-    return None
-
-
-def test_what_is_killed_comes_back_without_help():
+@pytest.fixture
+def broken():
+    """A demo that is up, for breaking; it must survive that."""
     with Demo() as demo:
-        page = demo.output.wait_for(r"the router +(http://\S+)(?s:.*)Ctrl-C ends it")[1]
-
-        def comes_back():
-            return run("curl", "-s", "-m", "5", f"{page}index.html").output == PAGE
-
-        os.kill(process_of(demo, "relay_server"), signal.SIGKILL)
-        demo.output.wait_for("the relay has ended; it runs again")
-        wait_until(comes_back, "the page comes through the new relay")
-        os.kill(process_of(demo, "ubusd"), signal.SIGKILL)
-        demo.output.wait_for("the bus has ended; it runs again")
-        os.kill(process_of(demo, "relay_server"), signal.SIGKILL)
-        wait_until(comes_back, "the session comes back over the new bus")
+        demo.page = demo.output.wait_for(r"the router +(http://\S+)(?s:.*)Ctrl-C ends it")[1]
+        yield demo
+        assert run("curl", "-s", "-m", "5", f"{demo.page}index.html").output == PAGE
         os.kill(demo.script(), signal.SIGINT)
         assert demo.end() == 0, demo.errors.text
+
+
+def wait_for_session(demo, since):
+    return demo.output.wait_for("the device has a new session", start=since.end()).end()
+
+
+def test_a_relay_that_is_killed_gets_a_new_session(broken):
+    broken.type("relay")
+    wait_for_session(broken, broken.output.wait_for("the relay is gone\n(.*\n)*.*it runs again"))
+
+
+def test_a_bus_that_is_killed_costs_no_session_and_those_to_come(broken):
+    broken.type("bus")
+    back = broken.output.wait_for("the bus is gone\n(.*\n)*.*it runs again")
+    assert run("curl", "-s", "-m", "5", f"{broken.page}index.html").output == PAGE
+    assert "new session" not in broken.output.text[back.end():]
+    broken.type("relay")
+    wait_for_session(broken, back)
+
+
+def test_an_uplink_that_is_cut_gets_a_new_session_when_it_is_back(broken):
+    for _ in range(2):
+        broken.type("uplink")
+        start = len(broken.output.text)
+        wait_for_session(broken, broken.output.wait_for("the uplink is back", start=start))
+
+
+def test_it_says_so_when_it_does_not_know_what_to_break_and_needs_no_keyboard(broken):
+    broken.type("router")
+    broken.output.wait_for("there is no 'router' to break; type relay, bus or uplink")
+    broken.close_keyboard()
 
 
 def bin_with(tmp_path, **replaced):
