@@ -50,7 +50,7 @@ class Line:
 
     def __init__(self, internet, relay_port):
         self._internet, self._relay_port = internet, relay_port
-        self._leases = itertools.count(1)
+        self._leases = itertools.cycle(range(1, 255))
         self._cut_at = None
         self._plug_in()
 
@@ -126,11 +126,15 @@ def show_addresses(relay, device_id):
 
 
 def typed(streams):
-    """The word that was typed, if any, at most LOOK_S later. Takes away a stream that has ended."""
+    """The word that was typed, if any, at most LOOK_S later. Takes away a stream that has ended, or
+    is a terminal that belongs to somebody else."""
     ready = select.select(streams, [], [], LOOK_S)[0]
-    line = os.read(ready[0].fileno(), 1024) if ready else b""
-    if ready and not line:
-        streams.clear()
+    line = b""
+    if ready:
+        with contextlib.suppress(OSError):
+            line = os.read(ready[0].fileno(), 1024)
+        if not line:
+            streams.clear()
     return line.decode(errors="replace").strip()
 
 
@@ -139,7 +143,7 @@ def stay_up(home, relay, internet, line, owner):
     on a real router; sessions are the supervisor's."""
     actions = {"relay": lambda: os.kill(relay.pid, signal.SIGKILL),
                "bus": lambda: os.kill(home.bus.pid, signal.SIGKILL), "uplink": line.cut}
-    streams = [sys.stdin]
+    streams = [sys.stdin] if sys.stdin else []
     while True:
         word = typed(streams)
         if word in actions:
@@ -197,6 +201,7 @@ def main():
     arguments.add_argument("--once", action="store_true", help="end after the fetch")
     once = arguments.parse_args().once
     signal.signal(signal.SIGTERM, signal.default_int_handler)
+    signal.signal(signal.SIGTTIN, signal.SIG_IGN)  # in the background, nobody types
     places, internet = enter()
     daemon = Daemon()
     try:
