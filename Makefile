@@ -39,7 +39,7 @@ test: setup-checks build ## build, then run every test
 memcheck: setup-checks build ## run the daemon's black-box suite under valgrind
 	@CRC_VALGRIND=1 ctest --preset $(PRESET) -R '^system_daemon$$'
 
-cross: ## build and test what runs on the router for other CPUs (CPU=armhf|mipsel|s390x: that one)
+cross: ## build and test what runs on the router for other CPUs (CPU="armhf s390x": those)
 	@packaging/cross.sh $(CPU)
 
 # What the demo starts; tests take much longer to build.
