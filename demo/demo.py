@@ -187,10 +187,10 @@ def play(once, places, internet, daemon):
         connect(daemon, owner)
         if once:
             return
-        show_addresses(relay, home.identity.device_id)
         supervisor = Supervisor(home).configure(f"{RELAY_ADDRESS}:{RELAY_PORT}")
         try:
-            supervisor.start()
+            supervisor.start().wait_for_object()
+            show_addresses(relay, home.identity.device_id)
             stay_up(home, relay, internet, line, owner)
         finally:
             supervisor.finish()
