@@ -2,6 +2,9 @@
 
 #include <gmock/gmock.h>
 
+#include <random>
+#include <set>
+
 namespace relay {
 namespace {
 
@@ -333,6 +336,47 @@ TEST(DeviceHead, OfTheAbsoluteFormIsInOriginForm) {
     EXPECT_THAT(forwarded("GET http://b.localhost/x HTTP/1.1\r\nHost: a.localhost\r\n\r\n"),
                 AllOf(StartsWith("GET /x HTTP/1.1\r\nHost: 127.0.0.1\r\n"),
                       HasSubstr("X-Forwarded-Host: b.localhost\r\n")));
+}
+
+// The headers as the parser reads them, without those that the relay writes.
+std::multiset<std::pair<std::string, std::string>> users_headers(const std::string& head) {
+    const Parsed parsed(head);
+    EXPECT_FALSE(parsed.error()) << testing::PrintToString(head);
+    std::multiset<std::pair<std::string, std::string>> headers;
+    for (const auto& field : parsed.head()) {
+        const std::string name(field.name_string());
+        if (name != "Host" && name != "Connection" && !name.starts_with("X-Forwarded-"))
+            headers.emplace(name, field.value());
+    }
+    return headers;
+}
+
+std::string any_line(std::mt19937& random) {
+    static const std::vector<std::string> pieces = {
+        "X-A", "x-a", "Cookie", "b",    ":",    ":",  ": ",      " ",  "\t", ",",
+        ";",   "\"",  "=",      "\x7f", "\x80", "()", "http://", "\\", "@",  "{"};
+    std::string line = random() % 4 == 0 ? "" : "X-" + std::to_string(random() % 3) + ":";
+    for (auto count = random() % 6; count > 0; --count)
+        line += pieces[random() % pieces.size()];
+    return line + "\r\n";
+}
+
+TEST(DeviceHead, SaysWhatTheParserReadWhateverTheLinesLookLike) {
+    std::mt19937 random(1); // NOLINT(cert-msc51-cpp): the same heads each time
+    int accepted = 0;
+    for (int i = 0; i < 20000; ++i) {
+        std::string text = "GET / HTTP/1.1\r\nHost: a.localhost\r\n";
+        for (auto count = random() % 4; count > 0; --count)
+            text += any_line(random);
+        text += "\r\n";
+        text.resize(text.find("\r\n\r\n") + 4);
+        if (check_head_bytes(text, 0) || refused_with(text) != 0)
+            continue;
+        ++accepted;
+        EXPECT_EQ(users_headers(forwarded(text)), users_headers(text))
+            << testing::PrintToString(text);
+    }
+    EXPECT_GT(accepted, 5000);
 }
 
 } // namespace
