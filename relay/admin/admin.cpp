@@ -37,10 +37,6 @@ constexpr std::string_view web_token_request = "{\"name\":\"token_get\"}";
 constexpr std::string_view devices_path = "/api/devices";
 constexpr std::string_view web_token_path = "/web-token";
 
-std::string_view view(boost::beast::string_view text) {
-    return {text.data(), text.size()};
-}
-
 void set(Admin::Response& response, http::status status, std::string_view type, std::string body) {
     response.result(status);
     response.set(http::field::content_type, boost::beast::string_view(type.data(), type.size()));
@@ -76,8 +72,8 @@ bool is_literal_host(std::string_view host) {
 }
 
 bool is_from_elsewhere(const Admin::Request& request) {
-    const auto origin = view(request[http::field::origin]);
-    const auto host = view(request[http::field::host]);
+    const std::string_view origin = request[http::field::origin];
+    const std::string_view host = request[http::field::host];
     return !origin.empty() && !(origin.ends_with(host) &&
                                 origin.substr(0, origin.size() - host.size()).ends_with("://"));
 }
@@ -171,8 +167,8 @@ Awaitable<void> Admin::serve(std::shared_ptr<Socket> socket) {
 
 bool Admin::is_allowed(const Request& request) const {
     if (token_.empty())
-        return is_literal_host(view(request[http::field::host]));
-    const auto credentials = view(request[http::field::authorization]);
+        return is_literal_host(request[http::field::host]);
+    const std::string_view credentials = request[http::field::authorization];
     constexpr std::string_view scheme = "Bearer ";
     if (!equals_ignoring_case(credentials.substr(0, scheme.size()), scheme))
         return false;

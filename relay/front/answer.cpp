@@ -22,13 +22,11 @@ std::string chunk_head(std::size_t bytes) {
     return std::string(digits, end) + "\r\n";
 }
 
-// The values of all Connection headers as one list.
-std::string connection_options(const AnswerHead& head) {
-    std::string options;
-    const auto [begin, end] = head.equal_range(http::field::connection);
-    for (auto each = begin; each != end; ++each)
-        options.append(view(each->value())) += ',';
-    return options;
+std::vector<Header> headers_of(const AnswerHead& head) {
+    std::vector<Header> headers;
+    for (const auto& field : head)
+        headers.push_back({field.name_string(), field.value()});
+    return headers;
 }
 
 } // namespace
@@ -79,21 +77,20 @@ std::string user_head(const AnswerHead& head, const UserHeadOptions& options,
                       const Addresses& addresses) {
     std::string text = "HTTP/1.1 " + std::to_string(head.result_int()) + " ";
     text.reserve(1024);
-    text += view(head.reason());
+    text += head.reason();
     text += "\r\n";
-    const auto connection = connection_options(head);
+    auto headers = headers_of(head);
+    drop_hop_by_hop(headers);
     const bool has_body = options.framing.kind != BodyKind::none;
-    for (const auto& field : head) {
-        const auto name = view(field.name_string());
-        if (is_hop_by_hop(name, connection) ||
-            (has_body && field.name() == http::field::content_length))
+    for (const auto& [name, value] : headers) {
+        if (has_body && equals_ignoring_case(name, "content-length"))
             continue;
-        if (field.name() == http::field::location)
-            append_header(text, name, public_location(view(field.value()), addresses));
-        else if (field.name() == http::field::set_cookie)
-            append_header(text, name, own_cookie(view(field.value())));
+        if (equals_ignoring_case(name, "location"))
+            append_header(text, name, public_location(value, addresses));
+        else if (equals_ignoring_case(name, "set-cookie"))
+            append_header(text, name, own_cookie(value));
         else
-            append_header(text, name, view(field.value()));
+            append_header(text, name, value);
     }
     if (options.framing.kind == BodyKind::counted)
         append_header(text, "Content-Length", std::to_string(options.framing.bytes));

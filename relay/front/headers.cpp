@@ -5,7 +5,6 @@
 #include <array>
 
 namespace relay {
-
 namespace {
 
 // True when `list`, separated by commas, has `name`.
@@ -21,15 +20,7 @@ bool has_token(std::string_view list, std::string_view name) {
     return false;
 }
 
-} // namespace
-
-void append_header(std::string& head, std::string_view name, std::string_view value) {
-    head += name;
-    head += ": ";
-    head += value;
-    head += "\r\n";
-}
-
+// `connection`: the values of all Connection headers as one list.
 bool is_hop_by_hop(std::string_view name, std::string_view connection) {
     constexpr std::array<std::string_view, 9> names = {"connection",
                                                        "keep-alive",
@@ -44,6 +35,24 @@ bool is_hop_by_hop(std::string_view name, std::string_view connection) {
         if (equals_ignoring_case(name, each))
             return true;
     return has_token(connection, name);
+}
+
+} // namespace
+
+void drop_hop_by_hop(std::vector<Header>& headers) {
+    std::string connection;
+    for (const auto& [name, value] : headers)
+        if (equals_ignoring_case(name, "connection"))
+            connection.append(value) += ',';
+    std::erase_if(headers,
+                  [&](const Header& each) { return is_hop_by_hop(each.name, connection); });
+}
+
+void append_header(std::string& head, std::string_view name, std::string_view value) {
+    head += name;
+    head += ": ";
+    head += value;
+    head += "\r\n";
 }
 
 } // namespace relay

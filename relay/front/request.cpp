@@ -14,7 +14,7 @@ PageReason bad_request(std::string text) {
 }
 
 std::string_view value_of(const RequestHead& head, http::field field) {
-    return view(head[field]);
+    return head[field];
 }
 
 // What the relay has settled with the user, or tells the device in words of its own: where a
@@ -35,10 +35,6 @@ std::string_view take_line(std::string_view& head) {
     return line;
 }
 
-struct Header {
-    std::string_view name, value;
-};
-
 // The headers in the lines behind the first, in their order.
 std::vector<Header> headers_of(std::string_view lines) {
     std::vector<Header> headers;
@@ -47,15 +43,6 @@ std::vector<Header> headers_of(std::string_view lines) {
         headers.push_back({line.substr(0, colon), trimmed(line.substr(colon + 1))});
     }
     return headers;
-}
-
-// The values of all Connection headers as one list.
-std::string connection_options(const std::vector<Header>& headers) {
-    std::string options;
-    for (const auto& [name, value] : headers)
-        if (equals_ignoring_case(name, "connection"))
-            options.append(value) += ',';
-    return options;
 }
 
 // "host", "host:80", "[::1]:80": without the port.
@@ -132,7 +119,7 @@ std::optional<PageReason> check_head(const RequestHead& head) {
 std::optional<Route> route_of(const RequestHead& head, std::string_view base_domain) {
     Route route;
     route.host = value_of(head, http::field::host);
-    route.target = view(head.target());
+    route.target = head.target();
     if (!route.target.starts_with('/') && route.target != "*") {
         // The absolute form, which proxies use, names the host itself.
         const auto scheme = route.target.find("://");
@@ -158,7 +145,8 @@ std::optional<Route> route_of(const RequestHead& head, std::string_view base_dom
 std::string device_head(std::string_view head, const Route& route, const Forwarding& forwarding,
                         std::size_t body_bytes, bool has_body) {
     const auto first = take_line(head);
-    const auto headers = headers_of(head);
+    auto headers = headers_of(head);
+    drop_hop_by_hop(headers);
     std::string text;
     text.reserve(1024);
     text += first.substr(0, first.find(' '));
@@ -167,9 +155,8 @@ std::string device_head(std::string_view head, const Route& route, const Forward
     text += first.substr(first.rfind(' '));
     text += "\r\n";
     append_header(text, "Host", forwarding.device_host);
-    const auto connection = connection_options(headers);
     for (const auto& [name, value] : headers)
-        if (!is_written_anew(name) && !is_hop_by_hop(name, connection))
+        if (!is_written_anew(name))
             append_header(text, name, value);
     if (has_body)
         append_header(text, "Content-Length", std::to_string(body_bytes));

@@ -5,6 +5,13 @@
 namespace relay {
 namespace {
 
+// Whether a header of that name goes no further when a Connection header has that value.
+bool is_hop_by_hop(std::string_view name, std::string_view connection) {
+    std::vector<Header> headers = {{"Connection", connection}, {name, "x"}};
+    drop_hop_by_hop(headers);
+    return headers.empty();
+}
+
 TEST(HopByHop, HeadersAreTheStandardOnesAndThoseThatConnectionNames) {
     for (const char* name :
          {"Connection", "keep-alive", "PROXY-CONNECTION", "Proxy-Authenticate",
