@@ -82,8 +82,8 @@ class Owner:
         self._session = None
 
     def wait_for_device(self):
-        self._internet.run(self._relay.wait_for_device, self._device_id)
-        self.has_new_session()
+        device = self._internet.run(self._relay.wait_for_device, self._device_id)
+        self._session = device["since"]
 
     def has_new_session(self):
         """True once for each session of the device."""
