@@ -170,6 +170,29 @@ TEST_F(DeviceIdentity, OutputOf1024BytesOrMoreIsCut) {
     }
 }
 
+// The buffer holds 1024 bytes and a terminator behind them.
+TEST_F(DeviceIdentity, OutputOf1023Or1024BytesIsReadToItsLastByte) {
+    const std::string ending = R"(", "device_id": "8001"})";
+    const std::string opening = R"({"more": ")";
+    for (size_t size : {1023u, 1024u}) {
+        std::string text =
+            opening + std::string(size - opening.size() - ending.size(), 'x') + ending;
+        answer(text);
+        memset(out, '?', sizeof out);
+        EXPECT_EQ(getDeviceIdByUbus(out, sizeof out), 0) << size;
+        EXPECT_EQ(held(), "8001????") << size;
+
+        text.back() = ' '; // the object does not end: all that was read appears in the log
+        answer(text);
+        log_capture log;
+        EXPECT_EQ(getDeviceIdByUbus(out, sizeof out), -1) << size;
+        EXPECT_THAT(log.lines(),
+                    ElementsAre(error_line("jsonParseStr", "Parse buf failed," + text + ".\n"),
+                                error_line("getDeviceIdByUbus", NO_OBJECT)))
+            << size;
+    }
+}
+
 TEST_F(DeviceIdentity, OutputThatIsCutBehindItsObjectServes) {
     answer(R"({"device_id": "8001"})" + std::string(5000, ' '));
     EXPECT_EQ(getDeviceIdByUbus(out, sizeof out), 0);
