@@ -165,6 +165,14 @@ TEST_F(remote_mq_request, without_a_body_sends_nothing_and_awaits_its_answer) {
               (packet{RESPONSE, 1, "HTTP/1.0 400 Bad Request\r\n\r\n"}));
 }
 
+TEST_F(remote_mq_request, without_a_body_brings_the_web_server_a_connection_and_no_byte) {
+    EXPECT_EQ(forward(session, 1, ""), 0);
+    web_connection exchange = web.accept();
+    exchange.finish();
+    EXPECT_EQ(relay_answers(session), 0); // closes the connection, so that its end can be read
+    EXPECT_EQ(exchange.read_to_end(), "");
+}
+
 // --- The web server's port
 
 TEST_F(remote_mq_request, goes_to_port_80_without_a_usable_option) {
