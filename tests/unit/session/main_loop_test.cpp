@@ -152,6 +152,19 @@ TEST_F(MainLoopTest, ARefusedRequestEndsTheSession) {
     expect_ended_by(-1);
 }
 
+TEST_F(MainLoopTest, APeersCloseWithinABodyEndsTheSessionWithoutAReceiveErrorLine) {
+    start();
+    relay.send(header_bytes(PACKET_REQUEST, 1, 1000) + "the first bytes");
+    relay.close_notify();
+    EXPECT_EQ(end(), 0);
+    EXPECT_THAT(log.messages("cloud_remote_mq_request_handle"),
+                Contains("E - 9 call _cloud_remote_mq_request_send_to_web_server(cycle, "
+                         "pRemoteMqNode, timeout) failed."));
+    EXPECT_THAT(log.messages(LOOP), ElementsAre("[CRC:] begin cycle loop", SESSION_CLOSED));
+    EXPECT_EQ(cycle->closeByCloud, 1);
+    EXPECT_EQ(cycle->status, CLOUD_CYCLE_DISCONNECTED);
+}
+
 TEST_F(MainLoopTest, PacketsOfOneRecordAreHandledAtOnce) {
     constexpr int COUNT = 60;
     start();
