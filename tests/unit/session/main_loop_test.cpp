@@ -207,6 +207,25 @@ TEST_F(MainLoopTest, ARequestIsAnsweredByTheWebServer) {
     settle();
 }
 
+// The body ends in bytes that are not TLS: a read error, but not the end of the connection.
+TEST_F(MainLoopTest, ATokenRequestWhoseBodyArrivesShortIsDroppedAndTheSessionGoesOn) {
+    constexpr char BROKEN_RECORD[] = "\x63\x03\x03\0\x10"; // a record of unknown type
+    install_token_helper("io.write('0123456789abcdef')");
+    start();
+    expect_heartbeat(1);
+    settle();
+    relay.send(header_bytes(PACKET_WEB_TOKEN, 2, 16) + "{\"na");
+    relay.send_raw(std::string(BROKEN_RECORD, sizeof BROKEN_RECORD - 1));
+    ASSERT_TRUE(
+        log.gets(error_line("cloud_server_handle_request_web_token", "[CRC:] Bad request.")));
+    clock.move(100000);
+    expect_heartbeat(2); // the next packet: the request got no reply
+    EXPECT_EQ(cloud_cycle_stop(cycle), 0);
+    EXPECT_EQ(end(), 0);
+    EXPECT_THAT(log.messages(LOOP), ElementsAre("[CRC:] begin cycle loop", SESSION_CLOSED));
+    EXPECT_EQ(cycle->closeByCloud, 0);
+}
+
 // The helper holds the loop while both the relay and the web server have something for it.
 TEST_F(MainLoopTest, TheRelayGoesBeforeTheWebServersAnswers) {
     constexpr char GATE[] = "/run/gate";
