@@ -22,8 +22,15 @@ struct wrapped_call {
     std::atomic<int> countdown{0}; // the call that takes it from 1 to 0 fails
     std::atomic<bool> isThreadBound{false};
     std::atomic<pthread_t> thread{};
+    std::atomic<bool> failsAlways{false};
+    std::atomic<int> failures{0}; // while it fails always
 
     bool fails() {
+        if (failsAlways) {
+            failures++;
+            errno = error;
+            return true;
+        }
         if (countdown.load() <= 0 || (isThreadBound && !pthread_equal(thread, pthread_self()))) {
             return false;
         }
@@ -119,6 +126,19 @@ fail_call::~fail_call() {
 
 bool fail_call::happened() const {
     return call->countdown <= 0;
+}
+
+fail_every_call::fail_every_call(const std::string& name) : call(find_call(name)) {
+    call->failures = 0;
+    call->failsAlways = true;
+}
+
+fail_every_call::~fail_every_call() {
+    call->failsAlways = false;
+}
+
+int fail_every_call::times() const {
+    return call->failures;
 }
 
 // --- the clock ---

@@ -37,6 +37,20 @@ private:
     struct wrapped_call* call;
 };
 
+// Lets every call of every thread fail, until the scope ends.
+class fail_every_call {
+public:
+    explicit fail_every_call(const std::string& name);
+    ~fail_every_call();
+    fail_every_call(const fail_every_call&) = delete;
+    fail_every_call& operator=(const fail_every_call&) = delete;
+
+    int times() const; // failures so far
+
+private:
+    struct wrapped_call* call;
+};
+
 // Adds to what a clock shows (WRAP clock_gettime), for the code under test alone, until the scope
 // ends; further moves add up. CLOCK_MONOTONIC, or for the time of day CLOCK_REALTIME.
 class moved_clock {

@@ -425,6 +425,22 @@ TEST_F(IdleTest, ATimeAheadOfTheClockCountsAsLongAgo) {
     expect_ended_as_if_by_client();
 }
 
+TEST_F(IdleTest, ATurnWhoseWaitFailedDoesNotEndAnIdleSession) {
+    start();
+    settle();
+    {
+        fail_every_call failure("select");
+        ASSERT_TRUE(eventually([&] { return failure.times() > 0; }));
+        clock.move(IDLE_LIMIT_MS + 1);
+        int before = failure.times();
+        ASSERT_TRUE(eventually([&] { return failure.times() >= before + 2; }))
+            << "the session ended after a wait that failed";
+    }
+    EXPECT_EQ(end(), 0);
+    EXPECT_EQ(cycle->closeByClient, 1) << "after the first wait that succeeded";
+    EXPECT_EQ(cycle->closeByCloud, 0);
+}
+
 // --- heartbeats through their whole life ---
 
 using HeartbeatLifeTest = MainLoopTest;
