@@ -58,8 +58,6 @@ WRAPPED(void*, realloc, (void* block, size_t size), (block, size), ENOMEM, nullp
 WRAPPED(char*, strdup, (const char* text), (text), ENOMEM, nullptr)
 WRAPPED(FILE*, popen, (const char* command, const char* mode), (command, mode), EMFILE, nullptr)
 WRAPPED(int, socket, (int domain, int type, int protocol), (domain, type, protocol), EMFILE, -1)
-WRAPPED(int, setsockopt, (int fd, int level, int name, const void* value, socklen_t size),
-        (fd, level, name, value, size), ENODEV, -1)
 WRAPPED(int, getsockname, (int fd, sockaddr* address, socklen_t* size), (fd, address, size),
         ENOBUFS, -1)
 WRAPPED(int, select, (int count, fd_set* in, fd_set* out, fd_set* other, timeval* limit),
@@ -79,6 +77,18 @@ WRAPPED(WOLFSSL_CTX*, wolfSSL_CTX_new, (WOLFSSL_METHOD * method), (method), ENOM
         (free(method), nullptr))
 WRAPPED(WOLFSSL*, wolfSSL_new, (WOLFSSL_CTX * context), (context), ENOMEM, nullptr)
 WRAPPED(int, wolfSSL_set_fd, (WOLFSSL * session, int fd), (session, fd), EINVAL, -1)
+
+extern "C" int __real_setsockopt(int fd, int level, int name, const void* value, socklen_t size)
+    __attribute__((weak));
+static wrapped_call call_of_setsockopt = {"setsockopt", __real_setsockopt != nullptr, ENODEV};
+static thread_local std::vector<option_call>* optionCalls = nullptr; // null: nobody records
+
+extern "C" int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t size) {
+    if (optionCalls != nullptr) {
+        optionCalls->push_back({level, name, std::string(static_cast<const char*>(value), size)});
+    }
+    return call_of_setsockopt.fails() ? -1 : __real_setsockopt(fd, level, name, value, size);
+}
 
 static wrapped_call* const CALLS[] = {
     &call_of_malloc,
@@ -139,6 +149,17 @@ fail_every_call::~fail_every_call() {
 
 int fail_every_call::times() const {
     return call->failures;
+}
+
+// --- socket options ---
+
+recorded_options::recorded_options() {
+    find_call("setsockopt"); // ends a program that does not wrap it
+    optionCalls = &calls;
+}
+
+recorded_options::~recorded_options() {
+    optionCalls = nullptr;
 }
 
 // --- the clock ---

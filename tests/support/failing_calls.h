@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <ctime>
 #include <string>
+#include <vector>
 
 // Forces calls of library functions to fail, and moves the clock. Works for the functions that the
 // program's room_tests() lists under WRAP, in all code that is linked into it statically.
@@ -49,6 +50,24 @@ public:
 
 private:
     struct wrapped_call* call;
+};
+
+// One call of setsockopt.
+struct option_call {
+    int level;
+    int name;
+    std::string value;
+};
+
+// The calls of setsockopt by this thread (WRAP setsockopt), until the scope ends. One at a time.
+class recorded_options {
+public:
+    recorded_options();
+    ~recorded_options();
+    recorded_options(const recorded_options&) = delete;
+    recorded_options& operator=(const recorded_options&) = delete;
+
+    std::vector<option_call> calls;
 };
 
 // Adds to what a clock shows (WRAP clock_gettime), for the code under test alone, until the scope

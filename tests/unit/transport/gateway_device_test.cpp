@@ -257,6 +257,24 @@ TEST_F(SelectDevice, ANameOfMoreThan15CharactersIsCutInTheBindRequest) {
     close(listener);
 }
 
+TEST_F(SelectDevice, BindsByARequestOf32BytesThatOpensWith16OfTheName) {
+    constexpr size_t NAME_BYTES = 16;
+    constexpr size_t REQUEST_BYTES = 32;
+    show_routes(route("eth0") + route("uplink-device-1-and-more"));
+    int port = refusing_port();
+    recorded_options options;
+    EXPECT_EQ(connect_to("127.0.0.1", port), -1);
+    std::vector<std::string> bound;
+    for (const option_call& call : options.calls) {
+        EXPECT_EQ(call.level, SOL_SOCKET);
+        EXPECT_EQ(call.name, SO_BINDTODEVICE);
+        EXPECT_EQ(call.value.size(), REQUEST_BYTES);
+        bound.push_back(call.value.substr(0, NAME_BYTES));
+    }
+    EXPECT_THAT(bound, ElementsAre("uplink-device-1-",
+                                   std::string("eth0") + std::string(NAME_BYTES - 4, '\0')));
+}
+
 TEST_F(SelectDevice, ASearchThatRunsOutOfMemoryFailsAndCanBeRepeated) {
     show_routes(route("eth0") + route("eth1"));
     int port = refusing_port();
