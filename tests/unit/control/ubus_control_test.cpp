@@ -54,6 +54,21 @@ extern "C" void __wrap_ubus_free(ubus_context* context) {
 
 namespace {
 
+// In the daemon's process: what it registered on the bus.
+const ubus_object* registeredObject = nullptr;
+
+} // namespace
+
+extern "C" int __real_ubus_add_object(ubus_context* context, ubus_object* object);
+extern "C" int __wrap_ubus_add_object(ubus_context* context, ubus_object* object);
+
+extern "C" int __wrap_ubus_add_object(ubus_context* context, ubus_object* object) {
+    registeredObject = object;
+    return __real_ubus_add_object(context, object);
+}
+
+namespace {
+
 class UbusControlTest : public testing::Test {
 protected:
     void SetUp() override { unlink(BUS_SOCKET); }
@@ -119,6 +134,18 @@ TEST_F(UbusControlTest, OffersReloadStopAndDbgWithTheirArguments) {
                 ElementsAre(Pair("reload", ElementsAre(Pair("address", BLOBMSG_TYPE_STRING),
                                                        Pair("port", BLOBMSG_TYPE_INT32))),
                             Pair("stop", IsEmpty()), Pair("dbg", IsEmpty())));
+}
+
+// The type's name does not go over the bus.
+TEST_F(UbusControlTest, RegistersItsObjectUnderItsTypesName) {
+    start([] {
+        int result = run_ubus_init();
+        printf("%s of type %s\n", registeredObject->name, registeredObject->type->name);
+        return result;
+    });
+    daemon->signal(SIGTERM);
+    EXPECT_EQ(daemon->exit_code(), 0);
+    EXPECT_EQ(log.text(), "cloud_relayc of type cloud_relayc_handle\n");
 }
 
 TEST_F(UbusControlTest, ReloadRefusesMissingArguments) {
