@@ -301,6 +301,28 @@ TEST_F(DbgTest, TakesStandardErrorAlong) {
     EXPECT_THAT(log.errors(), IsEmpty());
 }
 
+TEST_F(DbgTest, PrintsPartialLinesToTheConsoleAtOnce) {
+    start([] {
+        static char buffers[2][BUFSIZ];
+        setvbuf(stdout, buffers[0], _IOFBF, BUFSIZ);
+        setvbuf(stderr, buffers[1], _IOFBF, BUFSIZ);
+        run_control_side();
+        fputs("half a line, ", stdout);
+        fputs("half a complaint", stderr);
+        for (;;) {
+            pause(); // the end of the process would write what is still buffered
+        }
+        return 0;
+    });
+    EXPECT_EQ(client->call("dbg"), 0);
+    daemon->signal(SIGTERM); // ends the event loop
+    std::string shown;
+    EXPECT_TRUE(eventually([&] {
+        shown += read_console();
+        return shown == "Enable debug!\nhalf a line, half a complaint";
+    })) << shown;
+}
+
 TEST_F(DbgTest, LeavesTheOutputWhereItIsWhenThereIsNoConsole) {
     remove_file(CONSOLE);
     start();
