@@ -54,8 +54,21 @@ extern "C" void __wrap_ubus_free(ubus_context* context) {
 
 namespace {
 
-// In the daemon's process: what it registered on the bus.
+// In the daemon's process: what it registered on the bus, and its handler of the bus's loss.
 const ubus_object* registeredObject = nullptr;
+bool marksLosses = false; // set before the daemon registers
+ubus_connect_handler_t connection_lost_of_daemon = nullptr;
+constexpr char A_MOMENT_AFTER_THE_LOSS[] = "a moment after the loss";
+
+// Has the event loop print a line after a tenth of a second. The loop serves its timers in their
+// order, so this line comes before all that the daemon puts off for longer, on a busy machine too.
+void mark_loss(ubus_context* context) {
+    constexpr int MOMENT_MS = 100;
+    static uloop_timeout mark = {};
+    mark.cb = [](uloop_timeout*) { puts(A_MOMENT_AFTER_THE_LOSS); };
+    uloop_timeout_set(&mark, MOMENT_MS);
+    connection_lost_of_daemon(context);
+}
 
 } // namespace
 
@@ -64,6 +77,9 @@ extern "C" int __wrap_ubus_add_object(ubus_context* context, ubus_object* object
 
 extern "C" int __wrap_ubus_add_object(ubus_context* context, ubus_object* object) {
     registeredObject = object;
+    if (marksLosses) {
+        connection_lost_of_daemon = std::exchange(context->connection_lost, mark_loss);
+    }
     return __real_ubus_add_object(context, object);
 }
 
@@ -363,6 +379,16 @@ TEST_F(UbusControlTest, TriesAtOnceAndEveryTwoSecondsUntilTheBrokerIsBack) {
     broker.emplace();
     connect();
     EXPECT_EQ(client->reload("127.0.0.1", 0), 0) << "the new socket is watched";
+}
+
+TEST_F(UbusControlTest, TriesToReconnectAtOnceWhenTheBusIsLost) {
+    start([] {
+        marksLosses = true;
+        return run_control_side();
+    });
+    broker->kill();
+    ASSERT_TRUE(log.gets(plain_line(A_MOMENT_AFTER_THE_LOSS)));
+    EXPECT_THAT(log.lines().front(), retry_line());
 }
 
 TEST_F(UbusControlTest, TriesAgainWhileAnotherHoldsItsName) {
