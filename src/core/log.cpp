@@ -1,11 +1,20 @@
 #include "core/log.h"
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include "core/mutex_guard.h"
 
 // The format is put together at run time here and nowhere else; callers are checked through the
 // attribute on cloud_log.
@@ -18,8 +27,69 @@ constexpr char ERROR_PREFIX[] = "\033[31;49m[<%s/%s>:<%s/%s()/%d>]";
 constexpr char INFO_PREFIX[] = "\033[33;49m[<%s/%s>:<%s/%s()/%d>]";
 constexpr char SUFFIX[] = "\033[0m\r\n";
 constexpr size_t FORMAT_SIZE = 256;
-constexpr size_t THREAD_NAME_SIZE = 32;
-constexpr size_t LINE_SIZE = 512; // on the stack; longer lines take the heap
+constexpr size_t THREAD_NAME_SIZE = 16; // the kernel's own limit, terminator included
+constexpr size_t LINE_SIZE = 512;       // on the stack; longer lines take the heap
+constexpr int OUTPUT_PATIENCE_MS = 1000;
+// What a blocking pipe or terminal takes without blocking once it is reported writable.
+constexpr size_t CAREFUL_PIECE = 512;
+
+thread_local char threadName[THREAD_NAME_SIZE]; // empty until the thread's first line
+
+pthread_mutex_t outputMutex = PTHREAD_MUTEX_INITIALIZER;
+// Guarded by outputMutex:
+bool isStuck = false; // the last line was lost: the next ones do not wait
+bool isCut = false;   // ... after its beginning had been written
+
+std::atomic<bool> isOutputBlocking = true; // set by the main thread, read by every line
+
+const char* _thread_name() {
+    if (threadName[0] == '\0') {
+        prctl(PR_GET_NAME, threadName);
+    }
+    return threadName;
+}
+
+// One attempt that does not block. Returns what write returns.
+ssize_t _write_some(const char* text, size_t length) {
+    if (!isOutputBlocking) {
+        return write(STDOUT_FILENO, text, length);
+    }
+    ssize_t sent = send(STDOUT_FILENO, text, length, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent >= 0 || errno != ENOTSOCK) {
+        return sent;
+    }
+    pollfd output = {STDOUT_FILENO, POLLOUT, 0};
+    if (poll(&output, 1, 0) == 0) {
+        errno = EAGAIN;
+        return -1;
+    }
+    return write(STDOUT_FILENO, text, std::min(length, CAREFUL_PIECE));
+}
+
+// Waits until the output may take more. False when it is to be given up.
+bool _wait_for_output() {
+    pollfd output = {STDOUT_FILENO, POLLOUT, 0};
+    int ready = poll(&output, 1, isStuck ? 0 : OUTPUT_PATIENCE_MS);
+    return ready > 0 || (ready < 0 && errno == EINTR);
+}
+
+// Writes all of the text, or as much as the output takes. Returns how much that was.
+size_t _write_all(const char* text, size_t length) {
+    size_t done = 0;
+    while (done < length) {
+        ssize_t written = _write_some(text + done, length - done);
+        if (written >= 0) {
+            done += static_cast<size_t>(written);
+        } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            if (!_wait_for_output()) {
+                break;
+            }
+        } else if (errno != EINTR) {
+            break;
+        }
+    }
+    return done;
+}
 
 struct message_place {
     const char* prefix;
@@ -30,27 +100,58 @@ struct message_place {
 // Formats the whole line as snprintf does: returns its length, writes at most `size` bytes.
 size_t _format_line(char* out, size_t size, const message_place& place, const char* format,
                     va_list arguments) {
-    char thread[THREAD_NAME_SIZE] = {};
-    prctl(PR_GET_NAME, thread);
-    int head = snprintf(out, size, place.prefix, MODULE_NAME, thread, MODULE_NAME, place.function,
-                        place.line);
+    int head = snprintf(out, size, place.prefix, MODULE_NAME, _thread_name(), MODULE_NAME,
+                        place.function, place.line);
     size_t used = head < 0 ? 0 : static_cast<size_t>(head);
     size_t room = used < size ? size - used : 0;
     int tail = vsnprintf(room > 0 ? out + used : nullptr, room, format, arguments);
     return used + (tail < 0 ? 0 : static_cast<size_t>(tail));
 }
 
+// A line that was cut at the end of its buffer still ends as a line.
+void _end_cut_line(char (&text)[LINE_SIZE]) {
+    memcpy(text + LINE_SIZE - sizeof SUFFIX, SUFFIX, sizeof SUFFIX);
+}
+
 } // namespace
+
+void cloud_name_thread(const char* name) {
+    prctl(PR_SET_NAME, name);
+    prctl(PR_GET_NAME, threadName); // as the kernel cut it
+}
+
+void cloud_output_changed(int fd) {
+    struct stat file = {};
+    bool isNonBlocking = fstat(fd, &file) == 0 && S_ISREG(file.st_mode);
+    if (S_ISFIFO(file.st_mode) || S_ISCHR(file.st_mode)) {
+        char path[32];
+        snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
+        int own = open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+        isNonBlocking = own >= 0 && dup2(own, fd) == fd;
+        if (own >= 0) {
+            close(own);
+        }
+    }
+    if (fd == STDOUT_FILENO) {
+        isOutputBlocking = !isNonBlocking;
+    }
+}
 
 void cloud_print(const char* text, size_t length) {
     int error = errno; // callers print it after their message
-    fflush(stdout);    // what was printed plainly before stays before
-    ssize_t written = write(STDOUT_FILENO, text, length);
-    static_cast<void>(written);
+    mutex_guard guard(&outputMutex);
+    fflush(stdout); // what was printed plainly before stays before
+    if (isCut) {    // the rest of the lost line
+        isCut = _write_all(SUFFIX, sizeof SUFFIX - 1) < sizeof SUFFIX - 1;
+    }
+    size_t written = isCut ? 0 : _write_all(text, length);
+    isStuck = written < length;
+    isCut = isCut || (written > 0 && written < length);
     errno = error;
 }
 
 void cloud_log(log_level level, const char* function, int line, const char* message, ...) {
+    int error = errno;
     message_place place = {level == log_level::error ? ERROR_PREFIX : INFO_PREFIX, function, line};
     char format[FORMAT_SIZE] = {};
     int prefix = snprintf(format, sizeof format, "%s", place.prefix);
@@ -62,19 +163,18 @@ void cloud_log(log_level level, const char* function, int line, const char* mess
     va_start(arguments, message);
     size_t length = _format_line(text, sizeof text, place, format + prefix, arguments);
     va_end(arguments);
-    if (length < sizeof text) {
+    char* whole = length < sizeof text ? nullptr : static_cast<char*>(malloc(length + 1));
+    if (whole != nullptr) {
+        va_start(arguments, message);
+        length = _format_line(whole, length + 1, place, format + prefix, arguments);
+        va_end(arguments);
+        cloud_print(whole, length);
+        free(whole);
+    } else if (length < sizeof text) {
         cloud_print(text, length);
-        return;
-    }
-
-    char* whole = static_cast<char*>(malloc(length + 1));
-    if (whole == nullptr) {
+    } else {
+        _end_cut_line(text);
         cloud_print(text, sizeof text - 1);
-        return;
     }
-    va_start(arguments, message);
-    length = _format_line(whole, length + 1, place, format + prefix, arguments);
-    va_end(arguments);
-    cloud_print(whole, length);
-    free(whole);
+    errno = error;
 }
