@@ -178,3 +178,13 @@ void restore_proc_files() {
         procNetCoveredFor = 0;
     }
 }
+
+shown_file::shown_file(const std::string& shownPath, const std::string& text) : path(shownPath) {
+    const std::string file = scratch_path("shown");
+    put(file, text);
+    require(mount(file.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) == 0, path);
+}
+
+shown_file::~shown_file() {
+    require(umount2(path.c_str(), MNT_DETACH) == 0, path);
+}

@@ -40,3 +40,16 @@ void replace_proc_file(const std::string& path, const std::string& text);
 void remove_proc_file(const std::string& path);
 // Shows the kernel's own files again.
 void restore_proc_files();
+
+// Has an existing file show `text` to this process until the object ends, for instance
+// /proc/meminfo.
+class shown_file {
+public:
+    shown_file(const std::string& path, const std::string& text);
+    ~shown_file();
+    shown_file(const shown_file&) = delete;
+    shown_file& operator=(const shown_file&) = delete;
+
+private:
+    std::string path;
+};

@@ -1,28 +1,33 @@
 #include "core/footprint.h"
 
-#include <cstring>
-#include <fstream>
+#include <cstdint>
 #include <gtest/gtest.h>
 #include <string>
 
+#include "support/namespaces.h"
+
 namespace {
 
-// Resident pages of files: code and constants of the program and its libraries.
-long resident_file_pages() {
-    long total = 0;
-    long resident = 0;
-    long shared = 0;
-    std::ifstream("/proc/self/statm") >> total >> resident >> shared;
-    return shared;
+const bool isPrivate = private_namespaces();
+
+constexpr char MEMORY_INFO[] = "/proc/meminfo";
+
+TEST(AvailableMemory, IsWhatTheKernelCallsAvailable) {
+    shown_file memory(MEMORY_INFO, "MemTotal:         123456 kB\n"
+                                   "MemFree:           23456 kB\n"
+                                   "MemAvailable:      34567 kB\n"
+                                   "Buffers:              12 kB\n");
+    EXPECT_EQ(available_memory(), 34567u * 1024);
 }
 
-TEST(Footprint, AnIdleProcessGivesItsCodePagesBackAndRunsOn) {
-    std::string heap(100000, 'x');
-    long before = resident_file_pages();
-    release_idle_memory();
-    EXPECT_LT(resident_file_pages(), before);
-    EXPECT_EQ(heap, std::string(100000, 'x'));
-    EXPECT_EQ(strtol("42", nullptr, 10), 42); // code that was given back runs again
+TEST(AvailableMemory, OfAKernelThatDoesNotTellIsUnlimited) {
+    shown_file memory(MEMORY_INFO, "MemTotal:         123456 kB\n");
+    EXPECT_EQ(available_memory(), SIZE_MAX);
+}
+
+TEST(AvailableMemory, OfThisMachineIsPlausible) {
+    EXPECT_GT(available_memory(), 1024u * 1024);
+    EXPECT_LT(available_memory(), SIZE_MAX);
 }
 
 } // namespace
