@@ -1,8 +1,11 @@
 #include "core/uci_option.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <memory>
+#include <sys/stat.h>
 #include <uci.h>
 
 #include "core/log.h"
@@ -10,6 +13,19 @@
 namespace {
 
 constexpr size_t PATH_SIZE = 256;
+
+// Where libuci looks for a package, in the places of uci_cache_t::files.
+#ifndef UCI_CONF2DIR
+#define UCI_CONF2DIR "" // older releases know no such folder
+#endif
+constexpr const char* PACKAGE_FOLDERS[] = {UCI_CONFDIR, UCI_SAVEDIR, UCI_CONF2DIR};
+static_assert(sizeof PACKAGE_FOLDERS / sizeof PACKAGE_FOLDERS[0] ==
+              sizeof uci_cache_t::files / sizeof(uci_file_state_t));
+
+// A file that changed within this time before it was read may change again without a trace: its
+// times are counted in the kernel's ticks.
+constexpr int64_t SETTLED_NS = 2'000'000'000;
+constexpr int64_t NS_PER_SECOND = 1'000'000'000;
 
 struct uci_context_deleter {
     void operator()(uci_context* context) const { uci_free_context(context); }
@@ -20,6 +36,37 @@ const char* _option_text(const uci_ptr& found) {
     bool isText = (found.flags & uci_ptr::UCI_LOOKUP_COMPLETE) != 0 && found.o != nullptr &&
                   found.o->type == UCI_TYPE_STRING;
     return isText ? found.o->v.string : nullptr;
+}
+
+int64_t _nanoseconds(const timespec& time) {
+    return int64_t{time.tv_sec} * NS_PER_SECOND + time.tv_nsec;
+}
+
+uci_file_state_t _state_of_file(const char* folder, const char* package) {
+    char path[2 * PATH_SIZE];
+    snprintf(path, sizeof path, "%s/%s", folder, package);
+    struct stat file = {};
+    if (folder[0] == '\0' || stat(path, &file) != 0) {
+        return {};
+    }
+    return {file.st_ino, file.st_size, _nanoseconds(file.st_mtim), _nanoseconds(file.st_ctim)};
+}
+
+// Looks at the files of the package that `str` begins with. False when one of them may change again
+// without its times telling.
+bool _look_at_files(const char* str, uci_cache_t* seen) {
+    char package[PATH_SIZE] = {};
+    memcpy(package, str, std::min(strcspn(str, "."), sizeof package - 1));
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    bool isSettled = true;
+    uci_file_state_t* state = seen->files;
+    for (const char* folder : PACKAGE_FOLDERS) {
+        *state = _state_of_file(folder, package);
+        isSettled = isSettled && _nanoseconds(now) - state->changed > SETTLED_NS;
+        state++;
+    }
+    return isSettled;
 }
 
 } // namespace
@@ -45,5 +92,22 @@ int readUCI(const char* str, char* out, size_t size) {
         return -1;
     }
     memcpy(out, value, std::min(strlen(value), size - 1));
+    return 0;
+}
+
+int readUCI(const char* str, char* out, size_t size, uci_cache_t* cache) {
+    ENSURE(str != NULL, -1);
+    uci_cache_t seen = {};
+    bool isSettled = _look_at_files(str, &seen);
+    if (!cache->isFilled || !std::equal(seen.files, std::end(seen.files), cache->files)) {
+        *cache = {};
+        int result = readUCI(str, seen.value);
+        if (result != 0) {
+            return result;
+        }
+        seen.isFilled = isSettled;
+        *cache = seen;
+    }
+    memcpy(out, cache->value, std::min(strlen(cache->value), size - 1));
     return 0;
 }
