@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <pthread.h>
 
 // Holds a mutex until the end of the block.
@@ -10,6 +11,27 @@ struct mutex_guard {
     mutex_guard& operator=(const mutex_guard&) = delete;
 
     pthread_mutex_t* mutex;
+};
+
+// Holds a mutex that another thread may keep for long, or for ever, until the end of the block.
+// Waits for it at most `limit` milliseconds, and no longer than the calling thread's work is wanted
+// (core/wanted.h); `isHeld` tells whether it was got, errno is EBUSY when it was not.
+struct bounded_mutex_guard {
+    bounded_mutex_guard(pthread_mutex_t* wanted, int64_t limit);
+    ~bounded_mutex_guard() { release(); }
+    bounded_mutex_guard(const bounded_mutex_guard&) = delete;
+    bounded_mutex_guard& operator=(const bounded_mutex_guard&) = delete;
+
+    void release() {
+        if (isHeld) {
+            pthread_mutex_unlock(mutex);
+            isHeld = false;
+        }
+    }
+    void keep() { isHeld = false; } // leaves the mutex locked for good
+
+    pthread_mutex_t* mutex;
+    bool isHeld;
 };
 
 // Initialises a mutex that its holder may take again.
