@@ -1,9 +1,9 @@
 #include "core/device_identity.h"
 
-#include <cstdio>
 #include <cstring>
 #include <memory>
 
+#include "core/helper_program.h"
 #include "core/json.h"
 #include "core/log.h"
 #include "core/uci_option.h"
@@ -16,8 +16,11 @@ namespace {
 
 constexpr char DEVICE_ID_COMMAND[] = "ubus -t 5 call cloudclient get_device_id";
 constexpr char DEVICE_TOKEN_COMMAND[] = "ubus -t 5 call cloudclient get_device_token";
-// No time-out of our own here: the tool's default bounds the wait at start-up.
+// Without a time-out in its arguments: the tool's own default of 30 s holds.
 constexpr char FACTORY_INFO_COMMAND[] = "ubus call quorServer getInfo '{\"infoMask\":33}'";
+
+// For a tool that ignores its own time-outs. Its output then counts as empty, which fails to parse.
+constexpr int64_t QUERY_LIMIT_MS = 60 * 1000;
 
 constexpr size_t ANSWER_SIZE = 1024;    // a longer answer is cut, and then is no JSON
 constexpr size_t FACTORY_MAC_SIZE = 17; // AA-BB-CC-DD-EE-FF
@@ -30,15 +33,13 @@ using json_ptr = std::unique_ptr<json_object, json_deleter>;
 // Runs `command` and parses what it prints; null when it cannot be run or prints no JSON. Messages
 // carry the name of the asking function, and `named`, the command they speak of.
 json_ptr _ask_ubus(const char* command, const char* named, const char* function) {
-    FILE* pipe = popen(command, "r");
-    if (pipe == nullptr) {
+    char answer[ANSWER_SIZE + 1] = {};
+    ssize_t length = helper_program_read(command, answer, ANSWER_SIZE, QUERY_LIMIT_MS);
+    if (length < 0) {
         LOG_ERROR_AS(function, "popen exe [%s] failed\n", named);
         return nullptr;
     }
-    char answer[ANSWER_SIZE + 1] = {};
-    size_t length = fread(answer, 1, ANSWER_SIZE, pipe);
-    pclose(pipe);
-    json_ptr object(jsonParseStr(answer, length));
+    json_ptr object(jsonParseStr(answer, static_cast<size_t>(length)));
     if (object == nullptr) {
         LOG_ERROR_AS(function, "get jsonrpc obj failed.\n");
     }

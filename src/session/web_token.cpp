@@ -6,6 +6,7 @@
 
 #include "core/block.h"
 #include "core/cloud_cycle_record.h"
+#include "core/helper_program.h"
 #include "core/json.h"
 #include "core/log.h"
 #include "core/result.h"
@@ -17,6 +18,7 @@ namespace {
 constexpr char TOKEN_COMMAND[] =
     "lua /usr/lib/lua/cloud_relay_client/cloud_relay_client_helper.lua token_get";
 constexpr size_t TOKEN_SIZE = 32;
+constexpr int64_t TOKEN_LIMIT_MS = 10 * 1000; // heartbeats wait for the helper no longer
 constexpr size_t BODY_SIZE = 256;
 constexpr size_t REPLY_SIZE = 512;
 
@@ -25,11 +27,10 @@ using token_buffer = char[TOKEN_SIZE + 1];
 // The first 32 bytes that the helper prints, untrimmed. Returns 0, or -1 with an empty token.
 int cloud_server_handler_token_get(token_buffer& token) {
     memset(token, 0, sizeof token);
-    FILE* fp = popen(TOKEN_COMMAND, "r");
-    ENSURE(fp != NULL, -1);
-    size_t length = fread(token, 1, TOKEN_SIZE, fp);
-    static_cast<void>(length); // whatever came is the token
-    pclose(fp);
+    if (helper_program_read(TOKEN_COMMAND, token, TOKEN_SIZE, TOKEN_LIMIT_MS) < 0) {
+        LOG_ERROR(ENSURE_FAILED, "fp != NULL");
+        return -1;
+    }
     return 0;
 }
 

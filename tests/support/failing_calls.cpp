@@ -6,7 +6,9 @@
 #include <cstdlib>
 #include <ctime>
 #include <json-c/json.h>
+#include <poll.h>
 #include <pthread.h>
+#include <spawn.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <uci.h>
@@ -56,8 +58,14 @@ WRAPPED(void*, malloc, (size_t size), (size), ENOMEM, nullptr)
 WRAPPED(void*, calloc, (size_t count, size_t size), (count, size), ENOMEM, nullptr)
 WRAPPED(void*, realloc, (void* block, size_t size), (block, size), ENOMEM, nullptr)
 WRAPPED(char*, strdup, (const char* text), (text), ENOMEM, nullptr)
-WRAPPED(FILE*, popen, (const char* command, const char* mode), (command, mode), EMFILE, nullptr)
+WRAPPED(int, posix_spawn,
+        (pid_t * process, const char* path, const posix_spawn_file_actions_t* files,
+         const posix_spawnattr_t* attributes, char* const* arguments, char* const* environment),
+        (process, path, files, attributes, arguments, environment), EAGAIN, EAGAIN)
 WRAPPED(int, socket, (int domain, int type, int protocol), (domain, type, protocol), EMFILE, -1)
+WRAPPED(int, getsockopt, (int fd, int level, int name, void* value, socklen_t* size),
+        (fd, level, name, value, size), ENOBUFS, -1)
+WRAPPED(int, poll, (pollfd * polled, nfds_t count, int limit), (polled, count, limit), ENOMEM, -1)
 WRAPPED(int, getsockname, (int fd, sockaddr* address, socklen_t* size), (fd, address, size),
         ENOBUFS, -1)
 WRAPPED(int, select, (int count, fd_set* in, fd_set* out, fd_set* other, timeval* limit),
@@ -95,10 +103,12 @@ static wrapped_call* const CALLS[] = {
     &call_of_calloc,
     &call_of_realloc,
     &call_of_strdup,
-    &call_of_popen,
+    &call_of_posix_spawn,
     &call_of_socket,
     &call_of_setsockopt,
     &call_of_getsockname,
+    &call_of_getsockopt,
+    &call_of_poll,
     &call_of_select,
     &call_of_pthread_create,
     &call_of_localtime_r,

@@ -122,7 +122,7 @@ TEST_F(DeviceIdentity, DeviceIdRefusesANullBufferAndASizeBelowOne) {
 
 TEST_F(DeviceIdentity, ADeviceIdQueryThatCannotRunNamesTheFactoryCommand) {
     log_capture log;
-    fail_call failure("popen");
+    fail_call failure("posix_spawn");
     EXPECT_EQ(getDeviceIdByUbus(out, sizeof out), -1);
     EXPECT_TRUE(failure.happened());
     EXPECT_THAT(log.lines(),
@@ -274,7 +274,7 @@ TEST_F(DeviceIdentity, AShorterFirmwareIdReplacesAllOfTheFormerOne) {
 TEST_F(DeviceIdentity, AFactoryQueryThatFailsIsLogged) {
     log_capture log;
     {
-        fail_call failure("popen");
+        fail_call failure("posix_spawn");
         EXPECT_EQ(getFacinfoByUbus(), -1);
         EXPECT_TRUE(failure.happened());
     }
@@ -318,7 +318,7 @@ TEST_F(DeviceIdentity, AnAnswerWithoutTokenLeavesTheBuffer) {
 TEST_F(DeviceIdentity, ATokenQueryThatFailsLeavesTheBuffer) {
     log_capture log;
     {
-        fail_call failure("popen");
+        fail_call failure("posix_spawn");
         EXPECT_EQ(getCloudClientToken(out, sizeof out), -1);
         EXPECT_TRUE(failure.happened());
     }

@@ -265,7 +265,7 @@ TEST_F(hello_cloud, without_memory_for_the_token_releases_the_rest_and_gives_no_
 }
 
 TEST_F(hello_cloud, without_a_process_for_the_lookups_goes_on_with_defaults) {
-    fail_call noProcess("popen", 1);
+    fail_call noProcess("posix_spawn", 1);
     request_ptr request = build();
     ASSERT_NE(request, nullptr);
     EXPECT_TRUE(noProcess.happened());

@@ -119,7 +119,7 @@ TEST_F(WebTokenTest, AHelperThatIsMissingOrFailsGivesAnEmptyToken) {
 }
 
 TEST_F(WebTokenTest, AHelperThatCannotBeStartedIsAnsweredAndEndsTheSession) {
-    fail_call failure("popen");
+    fail_call failure("posix_spawn");
     EXPECT_EQ(request(BODY), -1);
     EXPECT_EQ(reply(), (packet{PACKET_WEB_TOKEN, ID, token_body(-1, "")}));
     EXPECT_THAT(log.lines(), Contains(error_line("cloud_server_handler_token_get",
