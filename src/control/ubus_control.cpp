@@ -1,5 +1,6 @@
 #include "control/ubus_control.h"
 
+#include <csignal>
 #include <cstdio>
 #include <fcntl.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@ extern "C" {
 #include <libubus.h>
 }
 
+#include "core/clock.h"
 #include "core/log.h"
 #include "task/task_controller.h"
 
@@ -17,7 +19,6 @@ namespace {
 
 constexpr char UBUS_SOCKET_PATH[] = "/var/run/ubus.sock";
 constexpr int RECONNECT_PAUSE_S = 2;
-constexpr int MS_PER_SECOND = 1000;
 
 ubus_context* l_ubus_common_ctx = nullptr; // the process's one bus connection
 int debugEnabled = 0;
@@ -62,6 +63,8 @@ void debugOutputRedirect(const char* path) {
     if (fd > STDERR_FILENO) {
         close(fd);
     }
+    cloud_output_changed(STDOUT_FILENO);
+    cloud_output_changed(STDERR_FILENO);
 }
 
 // Both messages are printed while output goes to the console.
@@ -104,13 +107,13 @@ void _reconnect(uloop_timeout* /*timer*/) {
     ubus_connection_lost(l_ubus_common_ctx);
 }
 
-uloop_timeout _make_timer() {
+uloop_timeout _make_timer(uloop_timeout_handler callback) {
     uloop_timeout timer = {};
-    timer.cb = _reconnect;
+    timer.cb = callback;
     return timer;
 }
 
-uloop_timeout reconnectTimer = _make_timer();
+uloop_timeout reconnectTimer = _make_timer(_reconnect);
 
 void _watch_connection() {
     uloop_fd_add(&l_ubus_common_ctx->sock, ULOOP_READ | ULOOP_BLOCKING);
@@ -129,6 +132,22 @@ void ubus_connection_lost(ubus_context* /*context*/) {
     }
     _watch_connection();
 }
+
+// uloop forgets, when it begins to run, that it was asked to end. So the signals that ask it wait
+// until it runs.
+void _set_end_blocked(bool blocked) {
+    sigset_t end;
+    sigemptyset(&end);
+    sigaddset(&end, SIGTERM);
+    sigaddset(&end, SIGINT);
+    pthread_sigmask(blocked ? SIG_BLOCK : SIG_UNBLOCK, &end, nullptr);
+}
+
+void _loop_runs(uloop_timeout* /*timer*/) {
+    _set_end_blocked(false);
+}
+
+uloop_timeout loopRuns = _make_timer(_loop_runs);
 
 int ubus_add_obj() {
     int result = ubus_add_object(l_ubus_common_ctx, &cloud_relayc);
@@ -152,8 +171,10 @@ int ubus_init() {
     if (ubus_add_obj() != 0) {
         return -1;
     }
+    _set_end_blocked(true);
     uloop_init();
     _watch_connection();
+    uloop_timeout_set(&loopRuns, 0);
     uloop_run();
     uloop_done();
     ubus_free(l_ubus_common_ctx);

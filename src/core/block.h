@@ -1,8 +1,12 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
+
+// The size of the pieces in which bytes are moved, both ways: one TLS record's worth.
+constexpr size_t CRC_DATA_BUF_SIZE = 16384;
 
 // A block of bytes from the plain allocator, freed at the end of its scope.
 struct block_deleter {

@@ -8,8 +8,7 @@
 
 namespace {
 
-constexpr int64_t MS_PER_SECOND = 1000;
-constexpr int64_t NS_PER_MS = 1000000;
+constexpr int NS_PER_MS = 1000000;
 constexpr int US_PER_MS = 1000;
 constexpr size_t TIME_TEXT_LENGTH = 23; // "YYYY-MM-DD hh:mm:ss.mmm"
 constexpr size_t WIDEST_TIME_TEXT = 96; // for seven ints of any value
@@ -19,7 +18,7 @@ constexpr size_t WIDEST_TIME_TEXT = 96; // for seven ints of any value
 int64_t cloud_now_ms() {
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * MS_PER_SECOND + now.tv_nsec / NS_PER_MS;
+    return int64_t{now.tv_sec} * MS_PER_SECOND + now.tv_nsec / NS_PER_MS;
 }
 
 char* cloud_time_str() {

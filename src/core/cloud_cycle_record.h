@@ -9,7 +9,7 @@
 // core/session_notice.h.
 //
 // Owner: the task controller allocates it; the worker that runs its session destroys it.
-// Threads: the worker's alone, except closeByClient.
+// Threads: the worker's alone, except closeByClient and letGo.
 
 struct cloud_socket_t;
 struct cloud_mq_t;
@@ -25,6 +25,8 @@ constexpr uint16_t CLOUD_CYCLE_DISCONNECTED = 8; // 4 is not used
 constexpr int HEARTBEAT_IDLE = 0;
 constexpr int HEARTBEAT_SENT = 1; // and unanswered
 constexpr int HEARTBEAT_ANSWERED = 2;
+
+constexpr unsigned CLOUD_MAX_PORT = 65535;
 
 struct cloud_cycle_t {
     pthread_mutex_t lock; // initialised and destroyed with the record, taken by nobody
@@ -49,4 +51,7 @@ struct cloud_cycle_t {
     int (*response_hellocloud)(hello_cloud_response_t* response);
     void (*respond_cloud)();      // does nothing, called by nobody
     void (*free_fn)(void* block); // called by nobody
+    std::atomic<int> letGo;       // a newer worker took this session's place; main sets it
+    int64_t blindTime;            // since the last heartbeat left: when no reply could be seen
+    bool isLockMade;
 };

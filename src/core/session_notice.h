@@ -6,11 +6,6 @@
 
 struct cloud_cycle_t;
 
-// The cycle whose session the calling thread runs, null on every other thread. The worker sets it.
-// A heartbeat's reply is booked here: each worker books on its own session, also while an older
-// one still winds up.
-extern constinit thread_local cloud_cycle_t* cloudCycleOfWorker;
-
 // A heartbeat is about to leave, its reply came, or the connection it counted for is gone.
 void cloud_heartbeat_send_record(cloud_cycle_t* cycle);
 void cloud_heartbeat_recv_record(cloud_cycle_t* cycle);

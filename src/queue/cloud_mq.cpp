@@ -168,7 +168,7 @@ int cloud_mq_set_response(cloud_mq_t* mq, int id, uint8_t* respBuf, int respLen)
         return CLOUD_ERROR;
     }
     if (node->reqStr != nullptr && _is_heartbeat(*node)) {
-        cloud_heartbeat_recv_record(cloudCycleOfWorker);
+        cloud_heartbeat_recv_record(mq->owner);
     }
     free(node->resStr); // a relay may answer twice
     node->resStr = respBuf;
@@ -197,6 +197,15 @@ int cloud_mq_send_request(cloud_cycle_t* cycle) {
         }
     }
     return sent;
+}
+
+void cloud_mq_forgive(cloud_mq_t* mq, int64_t blind) {
+    mutex_guard guard(&mq->lock);
+    for (int i = 0; i < mq->nodeTotal; i++) {
+        if (mq->node[i].status == CLOUD_MQ_SENT) {
+            mq->node[i].timeout += blind;
+        }
+    }
 }
 
 void cloud_mq_dump(cloud_mq_t* mq) {

@@ -33,9 +33,10 @@ struct cloud_mq_node_t {
 struct cloud_mq_t {
     pthread_mutex_t lock;
     int nodeTotal;
-    int nodeReady; // insertions since creation or the last clean, never decreased otherwise
-    int idNext;    // last identifier handed out
-    int nodeNext;  // where the next insertion starts to search
+    int nodeReady;        // insertions since creation or the last clean, never decreased otherwise
+    int idNext;           // last identifier handed out
+    int nodeNext;         // where the next insertion starts to search
+    cloud_cycle_t* owner; // not owned: the cycle on which a heartbeat's reply is booked
     cloud_mq_node_t node[];
 };
 
@@ -67,6 +68,10 @@ bool cloud_mq_has_request(cloud_mq_t* mq, int id);
 // Sends every message that is ready and alive over the cycle's cloud socket. Returns how many went
 // out, -1 for a null cycle, socket or queue.
 int cloud_mq_send_request(cloud_cycle_t* cycle);
+
+// Prolongs the life of every message that awaits its reply by `blind` milliseconds: time in which
+// the worker could not have seen the reply.
+void cloud_mq_forgive(cloud_mq_t* mq, int64_t blind);
 
 // Prints the queue plainly on standard output, for debugging. Called by nobody.
 void cloud_mq_dump(cloud_mq_t* mq);

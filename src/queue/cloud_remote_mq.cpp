@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <unistd.h>
@@ -15,6 +14,8 @@
 #include "core/result.h"
 #include "core/text.h"
 #include "core/uci_option.h"
+#include "core/wanted.h"
+#include "queue/answer_block.h"
 #include "queue/web_server.h"
 #include "transport/cloud_socket.h"
 #include "transport/packet_header.h"
@@ -28,8 +29,12 @@ namespace {
 using internal::_cloud_remote_mq_sp_remove;
 
 constexpr int64_t NODE_TIMEOUT_MS = 10000;
+constexpr int64_t ANSWER_LIMIT_MS = 90 * 1000; // below the heartbeats' interval of 100 s
 constexpr uint16_t DEFAULT_WEB_SERVER_PORT = 80;
 constexpr size_t PORT_TEXT_SIZE = 32;
+constexpr char PORT_OPTION[] = "system.service_port.http_port";
+
+uci_cache_t portCache = {}; // guarded by gRemoteMqLock
 
 bool _is_mine(const cloud_remote_mq_node_t* node) {
     return pthread_equal(node->worker, pthread_self()) != 0;
@@ -41,6 +46,13 @@ bool _is_expired(const cloud_remote_mq_node_t* node) {
 
 bool _is_awaiting(const cloud_remote_mq_node_t* node) {
     return _is_mine(node) && node->status == REMOTE_MQ_FORWARDED && node->webSvrSockfd != -1;
+}
+
+// Whether the node has outlived its time. An answer that is there already is not dropped, however
+// long the worker was busy with others.
+bool _is_over(const cloud_remote_mq_node_t* node) {
+    return _is_expired(node) &&
+           !(_is_awaiting(node) && web_server_has_answered(node->webSvrSockfd));
 }
 
 void _close_socket(cloud_remote_mq_node_t* node) {
@@ -94,15 +106,15 @@ uint16_t _web_server_port(const char* text) {
     return port > 0 && port <= UINT16_MAX ? static_cast<uint16_t>(port) : DEFAULT_WEB_SERVER_PORT;
 }
 
-int _cloud_remote_mq_request_con_web_server(cloud_remote_mq_node_t* node, web_wait_t* wait) {
+int _cloud_remote_mq_request_con_web_server(cloud_remote_mq_node_t* node) {
     char portText[PORT_TEXT_SIZE] = {};
-    if (readUCI("system.service_port.http_port", portText) != 0) {
+    if (readUCI(PORT_OPTION, portText, sizeof portText, &portCache) != 0) {
         LOG_ERROR("readUCI(system.service_port.http_port) failed. Use default port 80.");
     }
     uint16_t port = _web_server_port(portText);
     int lWebSvrProxySockfd = web_server_open();
     LOG_INFO("Connect web-server, lWebSvrProxySockfd %d.", lWebSvrProxySockfd);
-    if (web_server_connect(lWebSvrProxySockfd, port, wait) != 0) {
+    if (web_server_connect(lWebSvrProxySockfd, port, node->timeout) != 0) {
         int error = errno;
         close(lWebSvrProxySockfd);
         LOG_ERROR("Connect web-server with %d err, %s.", port, strerror(error));
@@ -113,9 +125,9 @@ int _cloud_remote_mq_request_con_web_server(cloud_remote_mq_node_t* node, web_wa
 }
 
 // Streams the body from the relay to the web server. Once a send failed the rest is only read, so
-// that the next packet's header is where it should be.
+// that the next packet's header is where it should be; unless the session is to end anyway.
 int _stream_body(cloud_socket_t* relay, cloud_remote_mq_node_t* node, uint8_t* buffer,
-                 int64_t timeout, web_wait_t* wait) {
+                 int64_t timeout) {
     constexpr char NAME[] = "_cloud_remote_mq_request_send_to_web_server";
     int result = CLOUD_OK;
     for (size_t remaining = node->reqDataLen; remaining > 0;) {
@@ -131,9 +143,13 @@ int _stream_body(cloud_socket_t* relay, cloud_remote_mq_node_t* node, uint8_t* b
         }
         size_t count = static_cast<size_t>(recvCnt);
         remaining -= count;
-        if (result == CLOUD_OK && web_server_send(node->webSvrSockfd, buffer, count, wait) != 0) {
+        if (result == CLOUD_OK &&
+            web_server_send(node->webSvrSockfd, buffer, count, node->timeout) != 0) {
             LOG_ERROR_AS(NAME, "Send remot request to web-server err, %s.", strerror(errno));
             result = CLOUD_ERROR;
+        }
+        if (result != CLOUD_OK && is_stop_wanted()) {
+            break;
         }
     }
     return result;
@@ -141,7 +157,7 @@ int _stream_body(cloud_socket_t* relay, cloud_remote_mq_node_t* node, uint8_t* b
 
 int _cloud_remote_mq_request_send_to_web_server(cloud_cycle_t* cycle,
                                                 cloud_remote_mq_node_t* pRemoteMqNode,
-                                                int64_t timeout, web_wait_t* wait) {
+                                                int64_t timeout) {
     // A request without body is delivered as it is, and awaits its answer like any other.
     ENSURE(0 != pRemoteMqNode->reqDataLen, CLOUD_OK);
     block_ptr buffer(static_cast<uint8_t*>(malloc(CRC_DATA_BUF_SIZE)));
@@ -153,46 +169,27 @@ int _cloud_remote_mq_request_send_to_web_server(cloud_cycle_t* cycle,
     {
         mutex_guard guard(&cycle->cloudSocket->mutex);
         LOG_INFO("=======CRC -> HTTPD: %dB", static_cast<int>(pRemoteMqNode->reqDataLen));
-        result = _stream_body(cycle->cloudSocket, pRemoteMqNode, buffer.get(), timeout, wait);
+        result = _stream_body(cycle->cloudSocket, pRemoteMqNode, buffer.get(), timeout);
     }
     LOG_INFO("Send pkt to web-server, ret %d.", result);
     return result;
 }
 
-// Another piece's room at the end of the block. False when it cannot be had, or when no packet
-// could carry so much.
-bool _grow(block_ptr* block, size_t* size) {
-    if (*size > INT_MAX - CRC_DATA_BUF_SIZE) {
-        return false;
-    }
-    void* grown = realloc(block->get(), *size + CRC_DATA_BUF_SIZE);
-    if (grown == nullptr) {
-        return false;
-    }
-    static_cast<void>(block->release());
-    block->reset(static_cast<uint8_t*>(grown));
-    *size += CRC_DATA_BUF_SIZE;
-    return true;
-}
-
-// Reads the answer behind room for its header until the web server closes, in a block that grows
-// with it. A web server that has not closed when the node's time is up has failed, however much it
-// still sends.
-int _read_answer(cloud_remote_mq_node_t* node, const cloud_socket_t* relay, block_ptr* answer,
-                 size_t* length) {
+// Reads the answer until the web server closes. A web server that gives no byte for the node's
+// time has failed, and so has one that has not closed after the longest that the relay may wait.
+int _read_answer(const cloud_remote_mq_node_t* node, answer_block_t* answer) {
     constexpr char NAME[] = "_cloud_remote_mq_response_recv";
-    size_t size = CRC_DATA_BUF_SIZE;
-    *length = PACKET_HEADER_SIZE;
+    int64_t deadline = cloud_now_ms() + ANSWER_LIMIT_MS;
     for (;;) {
         if (node->webSvrSockfd == -1) {
             LOG_ERROR_AS(NAME, "[CRC:] Socket is released.");
             return CLOUD_ERROR;
         }
-        web_wait_t wait = {relay, node->updateTime + node->timeout - cloud_now_ms()};
-        ssize_t count = wait.patience < 0
+        int64_t patience = std::min(node->timeout, deadline - cloud_now_ms());
+        ssize_t count = patience < 0
                             ? -1
-                            : web_server_recv(node->webSvrSockfd, answer->get() + *length,
-                                              size - *length, &wait);
+                            : web_server_recv(node->webSvrSockfd, answer_block_end(*answer),
+                                              answer_block_room(*answer), patience);
         if (count < 0) {
             LOG_ERROR_AS(NAME, "[CRC:] recv data from %d err.", node->webSvrSockfd);
             return CLOUD_ERROR;
@@ -200,30 +197,28 @@ int _read_answer(cloud_remote_mq_node_t* node, const cloud_socket_t* relay, bloc
         if (count == 0) {
             return CLOUD_OK;
         }
-        *length += static_cast<size_t>(count);
-        if (*length == size && !_grow(answer, &size)) {
+        if (!answer_block_add(answer, static_cast<size_t>(count))) {
             LOG_ERROR_AS(NAME, "[CRC:] Out of memory.");
             return CLOUD_NO_MEMORY;
         }
     }
 }
 
-int _cloud_remote_mq_response_recv(cloud_remote_mq_node_t* pNode, const cloud_socket_t* relay) {
-    block_ptr answer(static_cast<uint8_t*>(calloc(1, CRC_DATA_BUF_SIZE)));
-    if (answer == nullptr) {
+int _cloud_remote_mq_response_recv(cloud_remote_mq_node_t* pNode) {
+    answer_block_t answer = {};
+    if (!answer_block_init(&answer)) {
         LOG_ERROR(CALL_FAILED, 1, "(NULL == (pRespPkt = malloc(CRC_DATA_BUF_SIZE)))");
         return CLOUD_NO_MEMORY;
     }
-    size_t length = 0;
-    int result = _read_answer(pNode, relay, &answer, &length);
+    int result = _read_answer(pNode, &answer);
     if (result != CLOUD_OK) {
         LOG_ERROR("=======HTTPD -> CRC: FAILED.");
         return result;
     }
-    pNode->respPkt = answer.release();
-    pNode->respDataLen = static_cast<uint32_t>(length);
+    pNode->respPkt = answer.bytes.release();
+    pNode->respDataLen = static_cast<uint32_t>(answer.length);
     pNode->status = REMOTE_MQ_ANSWERED;
-    LOG_INFO("=======HTTPD -> CRC: %dB.", static_cast<int>(length));
+    LOG_INFO("=======HTTPD -> CRC: %dB.", static_cast<int>(answer.length));
     return CLOUD_OK;
 }
 
@@ -236,7 +231,7 @@ int _cloud_remote_mq_response_send(cloud_socket_t* cloudSock, cloud_remote_mq_no
 
 int _relay_answer(cloud_socket_t* cloudSock, cloud_remote_mq_node_t* pNode) {
     constexpr char NAME[] = "cloud_remote_mq_response_handle";
-    int result = _cloud_remote_mq_response_recv(pNode, cloudSock);
+    int result = _cloud_remote_mq_response_recv(pNode);
     _close_socket(pNode);
     if (result != 0) {
         LOG_ERROR_AS(NAME, CALL_FAILED, result, "_cloud_remote_mq_response_recv(pNode)");
@@ -325,14 +320,12 @@ int cloud_remote_mq_request_handle(cloud_cycle_t* cycle, const uint8_t* reqHdr, 
         LOG_ERROR(CALL_FAILED, result, "_cloud_remote_mq_request_insert(reqHdr, &pRemoteMqNode)");
         return result;
     }
-    // Connecting and sending share the node's time; the relay's own slowness does not count.
-    web_wait_t wait = {cycle->cloudSocket, node->timeout};
-    result = _cloud_remote_mq_request_con_web_server(node, &wait);
+    result = _cloud_remote_mq_request_con_web_server(node);
     if (result != 0) {
         LOG_ERROR(CALL_FAILED, result, "_cloud_remote_mq_request_con_web_server(pRemoteMqNode)");
         return result;
     }
-    result = _cloud_remote_mq_request_send_to_web_server(cycle, node, timeout, &wait);
+    result = _cloud_remote_mq_request_send_to_web_server(cycle, node, timeout);
     if (result != 0) {
         LOG_ERROR(CALL_FAILED, result,
                   "_cloud_remote_mq_request_send_to_web_server(cycle, pRemoteMqNode, timeout)");
@@ -392,7 +385,7 @@ void cloud_remote_mq_remove() {
         return;
     }
     _drop_nodes([](const cloud_remote_mq_node_t* node) {
-        return node->status == REMOTE_MQ_ANSWERED || _is_expired(node);
+        return node->status == REMOTE_MQ_ANSWERED || _is_over(node);
     });
 }
 

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <pthread.h>
 #include <sys/select.h>
@@ -17,8 +16,6 @@
 
 struct cloud_cycle_t;
 struct cloud_socket_t;
-
-constexpr size_t CRC_DATA_BUF_SIZE = 16384; // piece size, both ways
 
 // Values of cloud_remote_mq_node_t::status.
 constexpr int32_t REMOTE_MQ_INSERTED = 1;  // not yet delivered to the web server

@@ -9,28 +9,27 @@
 #include <sys/socket.h>
 
 #include "core/clock.h"
-#include "transport/cloud_socket.h"
+#include "core/wanted.h"
+#include "transport/tcp_connect.h"
 
 namespace {
 
-constexpr int64_t LOOK_MS = 100; // how often a wait looks whether it is still wanted
-
-bool _is_abandoned(const web_wait_t& wait) {
-    return wait.relay != nullptr && wait.relay->abandoned;
-}
-
 // Waits until the socket is ready. False with errno when the wait is over first.
-bool _wait(int fd, short events, web_wait_t* wait) {
-    while (wait->patience >= 0 && !_is_abandoned(*wait)) {
-        int64_t start = cloud_now_ms();
+bool _wait(int fd, short events, int64_t patience) {
+    int64_t deadline = cloud_now_ms() + patience;
+    while (!is_stop_wanted()) {
+        int64_t left = deadline - cloud_now_ms();
+        if (left < 0) {
+            errno = ETIMEDOUT;
+            return false;
+        }
         pollfd polled = {fd, events, 0};
-        int ready = poll(&polled, 1, static_cast<int>(std::min(wait->patience + 1, LOOK_MS)));
-        wait->patience -= cloud_now_ms() - start;
-        if (ready > 0) {
-            return true;
+        int ready = poll(&polled, 1, static_cast<int>(std::min<int64_t>(left + 1, LOOK_MS)));
+        if (ready != 0 && !(ready < 0 && errno == EINTR)) {
+            return ready > 0;
         }
     }
-    errno = _is_abandoned(*wait) ? ECANCELED : ETIMEDOUT;
+    errno = ECANCELED;
     return false;
 }
 
@@ -47,7 +46,7 @@ int web_server_open() {
     return fd;
 }
 
-int web_server_connect(int fd, uint16_t port, web_wait_t* wait) {
+int web_server_connect(int fd, uint16_t port, int64_t patience) {
     if (fd >= FD_SETSIZE) {
         errno = EMFILE; // the session's select could not wait for it
         return -1;
@@ -59,34 +58,36 @@ int web_server_connect(int fd, uint16_t port, web_wait_t* wait) {
     if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
         return 0;
     }
-    if (errno != EINPROGRESS || !_wait(fd, POLLOUT, wait)) {
+    if (errno != EINPROGRESS || !_wait(fd, POLLOUT, patience)) {
         return -1;
     }
-    int error = 0;
-    socklen_t size = sizeof error;
-    getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size);
-    errno = error;
-    return error == 0 ? 0 : -1;
+    errno = socket_error(fd);
+    return errno == 0 ? 0 : -1;
 }
 
-int web_server_send(int fd, const uint8_t* bytes, size_t size, web_wait_t* wait) {
+int web_server_send(int fd, const uint8_t* bytes, size_t size, int64_t patience) {
     while (size > 0) {
         ssize_t count = send(fd, bytes, size, MSG_NOSIGNAL);
         if (count >= 0) {
             bytes += count;
             size -= static_cast<size_t>(count);
-        } else if (!_would_block() || !_wait(fd, POLLOUT, wait)) {
+        } else if (!_would_block() || !_wait(fd, POLLOUT, patience)) {
             return -1;
         }
     }
     return 0;
 }
 
-ssize_t web_server_recv(int fd, uint8_t* buffer, size_t size, web_wait_t* wait) {
+ssize_t web_server_recv(int fd, uint8_t* buffer, size_t size, int64_t patience) {
     for (;;) {
         ssize_t count = recv(fd, buffer, size, 0);
-        if (count >= 0 || !_would_block() || !_wait(fd, POLLIN, wait)) {
+        if (count >= 0 || !_would_block() || !_wait(fd, POLLIN, patience)) {
             return count;
         }
     }
+}
+
+bool web_server_has_answered(int fd) {
+    pollfd polled = {fd, POLLIN, 0};
+    return poll(&polled, 1, 0) > 0;
 }

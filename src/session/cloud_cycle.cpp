@@ -15,7 +15,6 @@
 
 namespace {
 
-constexpr unsigned MAX_PORT = 65535;
 constexpr int64_t HEARTBEAT_INTERVAL_MS = 100000;
 constexpr int64_t REQUEST_TIMEOUT_MS = 5000;
 constexpr int HEARTBEAT_MISS_LIMIT = 4;
@@ -26,7 +25,7 @@ void _respond_cloud() {}
 
 int cloud_cycle_init(const char* ipaddr, int port, cloud_cycle_t* cycle) {
     // A negative port is a large one, and 0 passes here.
-    if (ipaddr == nullptr || static_cast<unsigned>(port) > MAX_PORT || cycle == nullptr) {
+    if (ipaddr == nullptr || static_cast<unsigned>(port) > CLOUD_MAX_PORT || cycle == nullptr) {
         LOG_ERROR(ENSURE_FAILED, "NULL != ipaddr && port <= 65535 && port >= 0 && NULL != cycle");
         return CLOUD_BAD_ARGUMENT;
     }
@@ -53,6 +52,7 @@ int cloud_cycle_init(const char* ipaddr, int port, cloud_cycle_t* cycle) {
                   "(NULL == (cycle->msgQueue = cloud_mq_init(MQ_INIT_NUMBER_DEFAULT)))");
         return CLOUD_ERROR;
     }
+    cycle->msgQueue->owner = cycle;
     cycle->defaultPort = port;
     cycle->heartbeatInterval = HEARTBEAT_INTERVAL_MS;
     cycle->heartbeatTimeoutMaxTimes = HEARTBEAT_MISS_LIMIT;
@@ -61,7 +61,7 @@ int cloud_cycle_init(const char* ipaddr, int port, cloud_cycle_t* cycle) {
     cycle->response_hellocloud = zemc_recv_response_of_hello_cloud_v2;
     cycle->respond_cloud = _respond_cloud;
     cycle->free_fn = free;
-    pthread_mutex_init(&cycle->lock, nullptr);
+    cycle->isLockMade = pthread_mutex_init(&cycle->lock, nullptr) == 0;
     cycle->status = CLOUD_CYCLE_RUNNING | CLOUD_CYCLE_DISCONNECTED;
     return CLOUD_OK;
 }
@@ -77,7 +77,9 @@ void cloud_cycle_destroy(cloud_cycle_t* cycle) {
         cloud_mq_destroy(cycle->msgQueue);
     }
     cloud_remote_mq_clear();
-    pthread_mutex_destroy(&cycle->lock);
+    if (cycle->isLockMade) {
+        pthread_mutex_destroy(&cycle->lock);
+    }
     free(cycle);
     LOG_INFO("[CRC:] Destroy cloud-cycle end.");
 }
@@ -86,6 +88,10 @@ int cloud_cycle_stop(cloud_cycle_t* cycle) {
     cycle->closeByClient = 1;
     LOG_INFO("[CRC:] Close cloud-cycle by client.");
     return CLOUD_OK;
+}
+
+void cloud_cycle_let_go(cloud_cycle_t* cycle) {
+    cycle->letGo = 1;
 }
 
 void cloud_cycle_reset_notify_flags(cloud_cycle_t* cycle) {

@@ -5,8 +5,8 @@
 
 // The cloud cycle's set-up and release, and the operations on it. The record is documented in
 // core/cloud_cycle_record.h; the session that runs on it, in session/main_loop.h. One cycle serves
-// one session. Threads: the worker's, except cloud_cycle_stop and the set-up, which the event
-// loop's thread calls.
+// one session. Threads: the worker's, except cloud_cycle_stop, cloud_cycle_let_go and the set-up,
+// which the event loop's thread calls.
 
 constexpr unsigned MQ_INIT_NUMBER_DEFAULT = 40; // slots of the message queue
 
@@ -22,6 +22,11 @@ void cloud_cycle_destroy(cloud_cycle_t* cycle);
 // Asks the session to end at its next turn; does not wait for it. Any thread, while the cycle
 // exists. Returns 0. Requires a cycle.
 int cloud_cycle_stop(cloud_cycle_t* cycle);
+
+// Tells the session's worker that a newer one took its place: it ends within a second wherever it
+// waits, except in the resolver, and in a packet that the relay still takes. Any thread, while the
+// cycle exists. Requires a cycle.
+void cloud_cycle_let_go(cloud_cycle_t* cycle);
 
 // Prints the record plainly on standard output, for debugging. Called by nobody.
 void cloud_cycle_dump(cloud_cycle_t* cycle);

@@ -51,6 +51,7 @@ void cloud_heartbeat_reset_record(cloud_cycle_t* cycle) {
     cycle->heartbeatTimeoutTimes = 0;
     cycle->heartbeatSendTime = 0;
     cycle->heartbeatRecvTime = 0;
+    cycle->blindTime = 0;
 }
 
 void cloud_heartbeat_send_record(cloud_cycle_t* cycle) {
@@ -58,6 +59,7 @@ void cloud_heartbeat_send_record(cloud_cycle_t* cycle) {
     cycle->heartbeatStatus = HEARTBEAT_SENT;
     cycle->heartbeatSendTime = cloud_now_ms();
     cycle->heartbeatRecvTime = 0;
+    cycle->blindTime = 0;
 }
 
 void cloud_heartbeat_recv_record(cloud_cycle_t* cycle) {
@@ -82,14 +84,16 @@ void cloud_heartbeat_insert_into_mq(cloud_cycle_t* cycle) {
     // After a connect the send time is 0: the first heartbeat is due at once, or, on a system that
     // has been up for less than the interval, when its clock reaches the interval.
     int64_t elapsed = cloud_now_ms() - cycle->heartbeatSendTime;
-    bool due = elapsed >= cycle->heartbeatInterval;
     if (cycle->heartbeatStatus != HEARTBEAT_SENT) {
-        if (due) {
+        if (elapsed >= cycle->heartbeatInterval) {
             _queue_heartbeat(cycle);
         }
         return;
     }
 
+    // A reply may be waiting on the connection while the worker is busy elsewhere.
+    elapsed -= cycle->blindTime;
+    bool due = elapsed >= cycle->heartbeatInterval;
     if (cycle->heartbeatTimeoutTimes <= 0) {
         if (due) {
             _repeat_heartbeat(cycle);

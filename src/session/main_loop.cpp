@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <sys/select.h>
+#include <unistd.h>
 
 #include "core/block.h"
 #include "core/clock.h"
@@ -10,6 +11,7 @@
 #include "core/footprint.h"
 #include "core/log.h"
 #include "core/result.h"
+#include "core/wanted.h"
 #include "queue/cloud_mq.h"
 #include "queue/cloud_remote_mq.h"
 #include "session/dispatch.h"
@@ -22,6 +24,7 @@ namespace {
 
 constexpr char START[] = "cloud_cycle_start";
 constexpr suseconds_t TURN_US = 200000;
+constexpr useconds_t UNREADY_PAUSE_US = 20 * 1000;
 constexpr int64_t PACKET_TIMEOUT_MS = 5000;
 constexpr uint64_t IDLE_LIMIT_MS = 600000; // 10 minutes
 
@@ -33,7 +36,7 @@ struct turn_events {
 };
 
 bool _wants_end(const cloud_cycle_t* cycle) {
-    return cycle->closeByCloud == 1 || cycle->closeByClient == 1 || cycle->cloudSocket->abandoned;
+    return cycle->closeByCloud == 1 || cycle->closeByClient == 1 || is_let_go();
 }
 
 void _clear_running(cloud_cycle_t* cycle) {
@@ -55,10 +58,17 @@ void _wait(const cloud_cycle_t* cycle, turn_events* events) {
     bool buffered = connected && cloud_socket_has_buffered_data(cycle->cloudSocket);
     timeval limit = {0, buffered ? 0 : TURN_US};
     events->ready = select(maxFd + 1, &events->readable, nullptr, nullptr, &limit);
-    // Above its bound select may leave the set as it was.
+    // select ignores descriptors above its bound, so the relay's bit may be stale.
     bool reported =
         connected && events->ready > 0 && relay <= maxFd && FD_ISSET(relay, &events->readable);
     events->relayReadable = buffered || reported;
+}
+
+// A worker that is busy with a request or an answer sees no reply: that time does not count
+// against the messages that await one.
+void _forgive(cloud_cycle_t* cycle, int64_t blind) {
+    cycle->blindTime += blind;
+    cloud_mq_forgive(cycle->msgQueue, blind);
 }
 
 // Reads one packet's header and has the packet handled. Returns 0 or why the session must end.
@@ -77,7 +87,10 @@ int _receive_packet(cloud_cycle_t* cycle) {
         LOG_ERROR_AS(START, "[CRC:] socket receive error:%d", CLOUD_RECV_ERROR);
         return result;
     }
-    return cloud_server_handle_dispatch(cycle, packet.get(), length, PACKET_TIMEOUT_MS);
+    int64_t start = cloud_now_ms();
+    result = cloud_server_handle_dispatch(cycle, packet.get(), length, PACKET_TIMEOUT_MS);
+    _forgive(cycle, cloud_now_ms() - start);
+    return result;
 }
 
 void _lose_connection(cloud_cycle_t* cycle, int reason) {
@@ -88,17 +101,30 @@ void _lose_connection(cloud_cycle_t* cycle, int reason) {
     }
 }
 
-// Answers of the web server are read only when the relay has nothing for us. What came from the
-// relay may be no data, such as a session ticket; waiting for a header would then take the session
+void _relay_answers(cloud_cycle_t* cycle, const turn_events& events) {
+    int64_t start = cloud_now_ms();
+    cloud_remote_mq_response_handle(&events.readable, cycle->cloudSocket);
+    _forgive(cycle, cloud_now_ms() - start);
+}
+
+// Answers of the web server are read only when the relay has nothing for us. Bytes from the relay
+// may carry no data, as a session ticket does; waiting for a header would then take the session
 // down.
-void _handle(cloud_cycle_t* cycle, turn_events* events) {
-    if (events->relayReadable && cloud_socket_has_data(cycle->cloudSocket)) {
+void _handle(cloud_cycle_t* cycle, const turn_events& events) {
+    tls_data waiting =
+        events.relayReadable ? cloud_socket_look(cycle->cloudSocket) : tls_data::none;
+    if (waiting == tls_data::some) {
         int result = _receive_packet(cycle);
         if (result != CLOUD_OK) {
             _lose_connection(cycle, result);
         }
-    } else if (events->ready > 0) {
-        cloud_remote_mq_response_handle(&events->readable, cycle->cloudSocket);
+        return;
+    }
+    if (waiting == tls_data::blocked) { // still readable: without a pause the loop would spin
+        usleep(UNREADY_PAUSE_US);
+    }
+    if (events.ready > 0) {
+        _relay_answers(cycle, events);
     }
 }
 
@@ -115,21 +141,42 @@ void _turn(cloud_cycle_t* cycle) {
     turn_events events;
     _wait(cycle, &events);
     if (events.ready < 0) {
-        LOG_ERROR_AS(START, "[CRC:] select error %s", strerror(errno));
+        int error = errno;
+        LOG_ERROR_AS(START, "[CRC:] select error %s", strerror(error));
+        if (error != EINTR) { // lasting errors: a turn takes its time, as one without events does
+            usleep(TURN_US);
+        }
         return;
     }
-    _handle(cycle, &events);
+    _handle(cycle, events);
     _check_idle(cycle);
 }
+
+// What ends the worker's waits, for the time of its session. A stop does so once the connection
+// stands: a successful connect forgets the stops that came before.
+struct session_wishes {
+    explicit session_wishes(const cloud_cycle_t* ofCycle) : cycle(ofCycle) {
+        thread_wishes_set({nullptr, &cycle->letGo});
+    }
+    ~session_wishes() { thread_wishes_set({}); }
+    session_wishes(const session_wishes&) = delete;
+    session_wishes& operator=(const session_wishes&) = delete;
+
+    void heed_stop() const { thread_wishes_set({&cycle->closeByClient, &cycle->letGo}); }
+
+    const cloud_cycle_t* cycle;
+};
 
 } // namespace
 
 int cloud_cycle_start(cloud_cycle_t* cycle) {
+    session_wishes wishes(cycle);
     int result = cloud_session_connect(cycle);
     if (result != 0) {
         LOG_ERROR(CALL_FAILED, result, "cloud_session_connect(cycle)");
         return result;
     }
+    wishes.heed_stop();
     release_idle_memory();
     LOG_INFO("[CRC:] begin cycle loop");
     while ((cycle->status & CLOUD_CYCLE_RUNNING) != 0) {

@@ -1,27 +1,24 @@
 #include "task/task_controller.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <pthread.h>
-#include <sys/prctl.h>
 #include <unistd.h>
 
-#include "control/ubus_control.h"
+#include "core/cloud_cycle_record.h"
 #include "core/log.h"
 #include "core/mutex_guard.h"
 #include "core/result.h"
-#include "queue/cloud_remote_mq.h"
 #include "session/cloud_cycle.h"
 #include "session/main_loop.h"
-#include "transport/cloud_socket.h"
-
-constinit thread_local cloud_cycle_t* cloudCycleOfWorker = nullptr;
 
 namespace {
 
-constexpr uint32_t MAX_PORT = 65535;
-constexpr unsigned RESTART_PAUSE_S = 3; // for the old worker to leave its session and clean up
+constexpr time_t RESTART_PAUSE_S = 3; // for the old worker to leave its session and clean up
+constexpr int RELICS_LIMIT = 2;
+constexpr useconds_t RELIC_LOOK_US = 20 * 1000;
 constexpr size_t THREAD_NAME_SIZE = 128;
 
 struct task_controller_t {
@@ -30,6 +27,7 @@ struct task_controller_t {
     int taskRunning;           // 1 while a task is considered started
     unsigned cycleHndIndex;    // names the workers; guarded by taskLock as well
     pthread_t lCloudBrdTask;   // the last worker, detached
+    int relics;                // workers that were let go and have not ended; guarded by taskLock
 };
 
 task_controller_t task = {};
@@ -47,14 +45,17 @@ int _swCloudRelayClientParamsDeinit() {
 // the controller idle then. The cycle leaves the controller's sight before it is destroyed, so that
 // no stop reaches it half gone.
 void _end_task(cloud_cycle_t* cycle) {
+    bool isRelic = false;
     {
         mutex_guard guard(&task.taskLock);
-        if (task.cloudCycle == cycle) {
+        isRelic = task.cloudCycle != cycle;
+        if (!isRelic) {
             task.cloudCycle = nullptr;
         }
     }
     cloud_cycle_destroy(cycle);
     mutex_guard guard(&task.taskLock);
+    task.relics -= isRelic;
     if (task.cloudCycle == nullptr) {
         task.taskRunning = 0;
     }
@@ -68,12 +69,11 @@ void _name_worker() {
         task.cycleHndIndex++;
     }
     pthread_detach(pthread_self());
-    prctl(PR_SET_NAME, name); // the kernel keeps 15 characters
+    cloud_name_thread(name);
 }
 
 void _swCloudRelayClientTask(cloud_cycle_t* cycle) {
     _name_worker();
-    cloudCycleOfWorker = cycle;
     cloud_cycle_start(cycle);
     _end_task(cycle);
     LOG_INFO("[CRC:] CloudRelayClient task exit.");
@@ -142,20 +142,36 @@ int _swCloudRelayClientTaskStop() {
     return task.cloudCycle == nullptr ? CLOUD_OK : cloud_cycle_stop(task.cloudCycle);
 }
 
-// A worker that is still in a slow connect or a stalled read or write after the pause is let go: it
-// is told to stop waiting, keeps its cycle, and cleans up after itself.
-void _let_go_of_worker() {
+// A worker that is still in its session is let go: it is told to stop waiting, keeps its cycle, and
+// cleans up after itself. False when too many such workers have not ended.
+bool _let_go_of_worker() {
     mutex_guard guard(&task.taskLock);
-    if (task.cloudCycle != nullptr) {
-        cloud_socket_abandon(task.cloudCycle->cloudSocket);
-        task.cloudCycle = nullptr;
+    if (task.cloudCycle == nullptr) {
+        return true;
+    }
+    if (task.relics >= RELICS_LIMIT) {
+        return false;
+    }
+    cloud_cycle_let_go(task.cloudCycle);
+    task.cloudCycle = nullptr;
+    task.relics++;
+    return true;
+}
+
+// Waits the full 3 s: restarts the wait when a signal interrupts it.
+void _pause() {
+    timespec until = {};
+    clock_gettime(CLOCK_MONOTONIC, &until);
+    until.tv_sec += RESTART_PAUSE_S;
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
     }
 }
 
-// Whole, whatever signals arrive.
-void _pause() {
-    for (unsigned left = RESTART_PAUSE_S; left > 0;) {
-        left = sleep(left);
+// After this no session is the controller's. Waits when two earlier workers have not ended yet: the
+// resolver is the one wait that cannot be cut short, and must not pile up workers.
+void _let_go() {
+    while (!_let_go_of_worker()) {
+        usleep(RELIC_LOOK_US);
     }
 }
 
@@ -165,9 +181,10 @@ int _swCloudRelayClientTaskRestart(const char* ipaddr, uint32_t port) {
     int result = _swCloudRelayClientTaskStop();
     if (result != 0) {
         LOG_ERROR(CALL_FAILED, result, "_swCloudRelayClientTaskStop()");
+        _let_go(); // its cycle is the worker's to destroy
     } else {
         _pause();
-        _let_go_of_worker();
+        _let_go();
         result = _swCloudRelayClientTaskInit(ipaddr, port);
         if (result == 0) {
             LOG_INFO("[CRC:] ReStart cloudRelayClient-task ok");
@@ -187,17 +204,8 @@ bool _is_running() {
 
 } // namespace
 
-void swCloudRelayClientInit() {
+void task_controller_init() {
     recursive_mutex_init(&task.taskLock);
-    int result = cloud_remote_mq_init();
-    if (result != 0) {
-        LOG_ERROR(CALL_FAILED, result, "cloud_remote_mq_init()");
-        return;
-    }
-    result = ubus_init();
-    if (result != 0) {
-        LOG_ERROR(CALL_FAILED, result, "ubus_init()");
-    }
 }
 
 int cloudRelayClientReload(const char* addrStr, uint32_t port) {
@@ -225,7 +233,7 @@ int cloudRelayClientReload(const char* addrStr, uint32_t port) {
 }
 
 int swCloudRelayClientTaskStart(const char* ipaddr, uint32_t port) {
-    if (ipaddr == nullptr || port > MAX_PORT) {
+    if (ipaddr == nullptr || port > CLOUD_MAX_PORT) {
         LOG_ERROR(ENSURE_FAILED, "NULL != ipaddr && port <= 65535 && port >= 0");
         return CLOUD_BAD_ARGUMENT;
     }

@@ -5,8 +5,10 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <linux/sockios.h>
 #include <netinet/tcp.h>
 #include <new>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -15,11 +17,13 @@
 #include <cyassl/ssl.h>
 #include <wolfssl/wolfcrypt/ecc.h>
 
+#include "core/block.h"
 #include "core/clock.h"
 #include "core/log.h"
 #include "core/mutex_guard.h"
 #include "core/result.h"
 #include "core/text.h"
+#include "core/wanted.h"
 #include "transport/gateway_device.h"
 #include "transport/tcp_connect.h"
 
@@ -27,6 +31,7 @@ namespace {
 
 constexpr int TLS_WANT_READ = 2;
 constexpr int TLS_WANT_WRITE = 3;
+constexpr int TLS_NO_MEMORY = -125;
 constexpr int TLS_ZERO_RETURN = 6; // the peer closed TLS
 constexpr int TLS_SUCCESS = 1;
 constexpr int TLS_VERIFY_PEER = 1;
@@ -40,7 +45,10 @@ constexpr useconds_t WRITE_RETRY_US = 1000;
 // session.
 constexpr unsigned PEER_STALL_LIMIT_MS = 180 * 1000;
 
-constexpr size_t READ_PIECE = 16384;  // the most that one TLS read is asked for
+// What a write may still take once its session is to end.
+constexpr int64_t FAREWELL_LIMIT_MS = 10 * 1000;
+constexpr int64_t FAREWELL_STALL_MS = 2 * 1000;
+
 constexpr int TLS_PEER_CLOSED = -397; // the peer closed TCP without closing TLS
 
 pthread_mutex_t libraryMutex = PTHREAD_MUTEX_INITIALIZER;
@@ -119,33 +127,90 @@ void _free_curve_cache() {
 #endif
 }
 
-// `budget` counts the waits alone, in milliseconds.
+// `budget` counts the waits alone, in milliseconds. Any result but success is a failure, whatever
+// its number: a connection whose handshake did not end is not to be used.
 int _tls_handshake(cloud_socket_t* cloudSocket, int64_t budget) {
     int64_t waited = 0;
-    while (CyaSSL_connect(cloudSocket->SSL) == -1) {
+    for (;;) {
+        int result = CyaSSL_connect(cloudSocket->SSL);
+        if (result == TLS_SUCCESS) {
+            return 0;
+        }
         budget -= waited;
-        if (budget < 0) {
+        if (budget < 0 || is_let_go()) {
             LOG_ERROR_AS(CONNECT, "[CRC:] ssl connect timeout");
             return -1;
         }
-        int error = CyaSSL_get_error(cloudSocket->SSL, -1);
+        int error = CyaSSL_get_error(cloudSocket->SSL, result);
         if (error != TLS_WANT_READ && error != TLS_WANT_WRITE) {
             LOG_ERROR_AS(CONNECT, "[CRC:] ssl connect error, err: %d", error);
             return -1;
         }
         int64_t start = cloud_now_ms();
-        wait_descriptor(cloudSocket->sockfd,
-                        error == TLS_WANT_READ ? wait_for::reading : wait_for::writing, budget);
-        waited = cloud_now_ms() - start;
+        wait_for readiness = error == TLS_WANT_READ ? wait_for::reading : wait_for::writing;
+        int ready = wait_descriptor(cloudSocket->sockfd, readiness, budget);
+        bool isBroken = ready < 0 && errno != EINTR; // and would be at every further wait
+        waited = isBroken ? budget + 1 : cloud_now_ms() - start;
     }
-    return 0;
 }
 
-bool _is_write_unwanted(const cloud_socket_t* socket) {
-    return socket->abandoned || (socket->closeRequest != nullptr && *socket->closeRequest != 0);
+// How a write that the peer does not take at once goes on.
+struct slow_write {
+    int64_t unwantedSince; // when the session was first seen to end; 0 before
+    int64_t lastProgress;  // of the peer, seen since then
+    int unsent;            // bytes in the connection's send buffer after the last attempt
+};
+
+int _unsent_bytes(const cloud_socket_t* socket) {
+    int unsent = 0;
+    ioctl(socket->sockfd, SIOCOUTQ, &unsent);
+    return unsent;
 }
 
-// The number that a read gives of itself. When a look ahead met the peer's close first, the read
+// True when a stalled write is to be given up. `unsent` is what the send buffer held after the
+// write's last attempt; less now means that the peer took some.
+bool _is_write_over(const cloud_socket_t* socket, slow_write* write) {
+    if (!is_stop_wanted()) {
+        return false;
+    }
+    int64_t now = cloud_now_ms();
+    if (write->unwantedSince == 0) {
+        write->unwantedSince = now;
+        write->lastProgress = now;
+    } else if (_unsent_bytes(socket) < write->unsent) {
+        write->lastProgress = now;
+    }
+    return now - write->unwantedSince > FAREWELL_LIMIT_MS ||
+           now - write->lastProgress > FAREWELL_STALL_MS;
+}
+
+// One attempt to write. Returns the library's error code, 0 for none.
+int _try_write(cloud_socket_t* socket, const void* buf, size_t length, int* result) {
+    *result = CyaSSL_write(socket->SSL, buf, static_cast<int>(length));
+    return *result > 0 ? 0 : CyaSSL_get_error(socket->SSL, *result);
+}
+
+// Writes until TLS took all or cannot go on. Returns the library's error code, 0 for none.
+int _write_whole(cloud_socket_t* socket, const void* buf, size_t length, int* result) {
+    slow_write write = {};
+    int error = _try_write(socket, buf, length, result);
+    while (error == TLS_WANT_WRITE) {
+        write.unsent = is_stop_wanted() ? _unsent_bytes(socket) : 0;
+        usleep(WRITE_RETRY_US);
+        if (_is_write_over(socket, &write)) {
+            break;
+        }
+        // TLS goes on where it stopped only when it is given the same bytes again.
+        error = _try_write(socket, buf, length, result);
+    }
+    return error;
+}
+
+void _set_corked(const cloud_socket_t* socket, int on) {
+    setsockopt(socket->sockfd, IPPROTO_TCP, TCP_CORK, &on, sizeof on);
+}
+
+// The number that the log gives for a read. When a look ahead met the peer's close first, the read
 // repeats that with -1; by itself it gives 0.
 int _read_result(int count, int error) {
     return error == TLS_ZERO_RETURN || error == TLS_PEER_CLOSED ? 0 : count;
@@ -204,20 +269,24 @@ int cloud_socket_connect(cloud_socket_t* cloudSocket, const char* ip, int port, 
 
 int cloud_socket_send_buf(cloud_socket_t* socket, const void* buf, size_t length) {
     ENSURE(NULL != socket && NULL != buf, CLOUD_BAD_ARGUMENT);
-    if (socket->status == CLOUD_SOCKET_DISCONNECTED || socket->abandoned) {
+    if (socket->status == CLOUD_SOCKET_DISCONNECTED || is_let_go()) {
         LOG_ERROR("[CRC:] The ssl socket is disconnected");
         return CLOUD_UNREACHABLE;
     }
-    int result = CyaSSL_write(socket->SSL, buf, static_cast<int>(length));
-    int error = CyaSSL_get_error(socket->SSL, result);
-    while (error == TLS_WANT_WRITE && !_is_write_unwanted(socket)) {
-        usleep(WRITE_RETRY_US);
-        // TLS goes on where it stopped only when it is given the same bytes again.
-        result = CyaSSL_write(socket->SSL, buf, static_cast<int>(length));
-        error = CyaSSL_get_error(socket->SSL, result);
+    bool manyRecords = length > CRC_DATA_BUF_SIZE;
+    if (manyRecords) { // records share segments
+        _set_corked(socket, 1);
     }
+    int result = 0;
+    int error = _write_whole(socket, buf, length, &result);
+    if (manyRecords) {
+        _set_corked(socket, 0);
+    }
+    // Closed by the peer, given up, or stuck between two records: what is left of the packet cannot
+    // follow, and the next packet must not.
     socket->midRecord = error == TLS_WANT_WRITE;
-    if (error == TLS_ZERO_RETURN || socket->midRecord) { // closed by the peer, or given up
+    if (socket->midRecord || error == TLS_ZERO_RETURN || error == TLS_WANT_READ ||
+        error == TLS_NO_MEMORY) {
         LOG_ERROR("[CRC:] The socket is disconnected, result:%d", result);
         socket->status = CLOUD_SOCKET_DISCONNECTED;
         return CLOUD_UNREACHABLE;
@@ -235,10 +304,11 @@ int cloud_socket_recv_buf(cloud_socket_t* socket, void* buf, size_t length, int6
     char* position = static_cast<char*>(buf);
     size_t remaining = length;
     while (remaining > 0) {
-        int count =
-            CyaSSL_read(socket->SSL, position, static_cast<int>(std::min(remaining, READ_PIECE)));
-        int error = CyaSSL_get_error(socket->SSL, count);
-        if (socket->abandoned || (error == TLS_WANT_READ && cloud_now_ms() - start > timeout)) {
+        int count = CyaSSL_read(socket->SSL, position,
+                                static_cast<int>(std::min(remaining, CRC_DATA_BUF_SIZE)));
+        int error = count > 0 ? 0 : CyaSSL_get_error(socket->SSL, count);
+        bool isWaiting = error == TLS_WANT_READ || error == TLS_WANT_WRITE;
+        if (is_let_go() || (isWaiting && cloud_now_ms() - start > timeout)) {
             LOG_ERROR("[CRC:] recv timeout");
             return -1;
         }
@@ -247,7 +317,7 @@ int cloud_socket_recv_buf(cloud_socket_t* socket, void* buf, size_t length, int6
             remaining -= static_cast<size_t>(count);
             continue;
         }
-        if (error == TLS_WANT_READ) {
+        if (isWaiting) {
             usleep(READ_RETRY_US);
             continue;
         }
@@ -257,6 +327,9 @@ int cloud_socket_recv_buf(cloud_socket_t* socket, void* buf, size_t length, int6
             return 0;
         }
         LOG_ERROR("[CRC:] the socket read err, nread:%d", _read_result(count, error));
+        if (error == TLS_NO_MEMORY) { // may pass: a read after this one would leave a gap
+            return -1;
+        }
         break;
     }
     return static_cast<int>(length - remaining);
@@ -266,11 +339,17 @@ bool cloud_socket_has_buffered_data(const cloud_socket_t* socket) {
     return CyaSSL_pending(socket->SSL) > 0;
 }
 
-bool cloud_socket_has_data(cloud_socket_t* socket) {
+tls_data cloud_socket_look(cloud_socket_t* socket) {
     char next = 0;
     int count = CyaSSL_peek(socket->SSL, &next, sizeof next);
-    int error = CyaSSL_get_error(socket->SSL, count);
-    return count > 0 || (error != TLS_WANT_READ && error != TLS_WANT_WRITE);
+    switch (count > 0 ? 0 : CyaSSL_get_error(socket->SSL, count)) {
+    case TLS_WANT_READ:
+        return tls_data::none;
+    case TLS_WANT_WRITE:
+        return tls_data::blocked;
+    default:
+        return tls_data::some;
+    }
 }
 
 void cloud_socket_disconnect(cloud_socket_t* socket) {
@@ -297,8 +376,4 @@ void cloud_socket_disconnect(cloud_socket_t* socket) {
     }
     socket->status = CLOUD_SOCKET_DISCONNECTED;
     LOG_INFO("[CRC:] Disconnect the socket ok.");
-}
-
-void cloud_socket_abandon(cloud_socket_t* socket) {
-    socket->abandoned = 1;
 }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <pthread.h>
@@ -9,9 +8,10 @@
 // (wolfSSL through its CyaSSL interface), the server verified against one CA certificate file.
 // Whole packets are sent and received by transport/relay_packet.h.
 //
-// Owner: the cloud cycle. Threads: the worker's, except cloud_socket_abandon. The mutex serialises
-// whole packets; the calls of this module take no lock, their callers know when they are alone.
-// Time-outs are in milliseconds.
+// Owner: the cloud cycle. Threads: the worker's. The mutex serialises whole packets; the calls of
+// this module take no lock, their callers know when they are alone. A worker that is let go
+// (core/wanted.h) waits for its peer no longer: connects, reads and stalled writes fail within
+// LOOK_MS. Time-outs are in milliseconds.
 
 #define DFLT_CER_FILE_PATH "/etc/cloud-sdk/velmora-root-CA.pem"
 
@@ -29,9 +29,7 @@ struct cloud_socket_t {
     WOLFSSL* SSL;          // null when none
     char* cerFile;         // owned
     int32_t status;
-    std::atomic<int> abandoned; // set from the event loop's thread: nobody waits for this peer
-    bool midRecord;             // a write was given up in the middle of a TLS record
-    const std::atomic<int>* closeRequest; // not owned: non-zero ends a stalled write; null for none
+    bool midRecord; // a write was given up in the middle of a TLS record
 };
 
 // A new, closed socket, or null when memory is short.
@@ -45,28 +43,31 @@ void cloud_socket_destroy(cloud_socket_t* socket);
 // argument or a port outside 1 to 65535; -1 on failure, the socket then being closed.
 int cloud_socket_connect(cloud_socket_t* cloudSocket, const char* ip, int port, int64_t timeout);
 
-// Writes `length` bytes, for as long as it takes the peer to take them, unless the socket is
-// abandoned or its close is requested. Returns 0; 9 when the peer closed, the write was given up,
-// or the socket is disconnected; 100 for a null argument. A short write, and every error but the
-// peer's close, counts as success: the next read finds the connection broken.
+// Writes `length` bytes, for as long as it takes the peer to take them. Once the session is to end,
+// a write that moves may go on for 10 s, and one of which the peer took nothing for 2 s is given
+// up. Returns 0; 9 when the peer closed, the write was given up or could not go on (no memory), or
+// the socket is disconnected; 100 for a null argument. A short write, and every other error, counts
+// as success: the next read finds the connection broken.
 int cloud_socket_send_buf(cloud_socket_t* socket, const void* buf, size_t length);
 
 // Reads `length` bytes within `timeout`, counted from the call's start. Returns the number of bytes
-// read, fewer than `length` only after a read error; 0 when the peer closed; -1 on time-out or when
-// the socket is disconnected; 100 for a null argument.
+// read, fewer than `length` only after a read error, which every later read meets again; 0 when the
+// peer closed; -1 on time-out, without memory, or when the socket is disconnected; 100 for a null
+// argument.
 int cloud_socket_recv_buf(cloud_socket_t* socket, void* buf, size_t length, int64_t timeout);
 
 // True when TLS holds decrypted bytes already, which no wait on the descriptor would report.
 // Requires a connected socket, as the next.
 bool cloud_socket_has_buffered_data(const cloud_socket_t* socket);
 
-// For a descriptor reported readable: false when what came carries no data for us (a session
-// ticket, a key update, half a record), true when a read gives data or the end of the connection.
-bool cloud_socket_has_data(cloud_socket_t* socket);
+enum class tls_data {
+    none,    // what came carries no data for us: a session ticket, a key update, half a record
+    some,    // a read gives data, or the end of the connection
+    blocked, // TLS must write before it reads on; the descriptor stays readable meanwhile
+};
+
+// Looks at what came, for a descriptor that is reported readable.
+tls_data cloud_socket_look(cloud_socket_t* socket);
 
 // Closes the connection, if any. Safe to call again. A null socket is only logged.
 void cloud_socket_disconnect(cloud_socket_t* socket);
-
-// Tells the thread that uses the socket that nobody waits for the peer any more: reads and writes
-// fail from now on. Any thread, while the socket exists.
-void cloud_socket_abandon(cloud_socket_t* socket);

@@ -13,6 +13,7 @@
 
 #include "core/log.h"
 #include "core/mutex_guard.h"
+#include "core/wanted.h"
 #include "transport/cloud_socket.h"
 #include "transport/tcp_connect.h"
 
@@ -125,8 +126,11 @@ int _renew_socket(cloud_socket_t* socket) {
     return socket->sockfd < 0 ? -1 : 0;
 }
 
-void _forget_reserved_device() {
-    mutex_guard guard(&gatewayMutex);
+void _forget_reserved_device(int64_t timeout) {
+    bounded_mutex_guard guard(&gatewayMutex, timeout);
+    if (!guard.isHeld) {
+        return; // the search that follows does not get it either
+    }
     memset(g_gateway_device_list.reserve_gateway_device, 0, GATEWAY_DEVICE_NAME_SIZE);
     mutex_guard addressGuard(&localAddressMutex);
     memset(g_gateway_device_list.local_address, 0, LOCAL_ADDRESS_SIZE);
@@ -142,7 +146,7 @@ attempt _try_reserved_device(cloud_socket_t* socket, const sockaddr_in* address,
     if (_bind_device(socket->sockfd, reserved) != 0) {
         LOG_ERROR_AS(NAME, "[CRC:] bind device failed\n ");
         LOG_ERROR_AS(NAME, "[CRC:] connect_nonblock failed, clear the reserve_gateway_device\n ");
-        _forget_reserved_device();
+        _forget_reserved_device(timeout);
         return attempt::failed;
     }
     LOG_INFO_AS(NAME, "[CRC:] bind device successfully\n ");
@@ -150,7 +154,7 @@ attempt _try_reserved_device(cloud_socket_t* socket, const sockaddr_in* address,
         return attempt::connected;
     }
     LOG_ERROR_AS(NAME, "[CRC:] connect_nonblock failed, clear the reserve_gateway_device!\n ");
-    _forget_reserved_device();
+    _forget_reserved_device(timeout);
     if (_renew_socket(socket) != 0) {
         LOG_ERROR_AS(NAME, "[CRC:] [CLOUD-BRD]open sock failed, errno:%d\n", errno);
         return attempt::give_up;
@@ -185,24 +189,26 @@ attempt _try_listed_device(cloud_socket_t* socket, const sockaddr_in* address, i
 
 int _search_devices(cloud_socket_t* socket, const sockaddr_in* address, int64_t timeout) {
     constexpr char NAME[] = "socket_connect_select_device";
-    pthread_mutex_lock(&gatewayMutex);
+    bounded_mutex_guard guard(&gatewayMutex, timeout);
+    if (!guard.isHeld) {
+        return -1;
+    }
     if (get_gateway_device(&g_gateway_device_list) != 0) {
         LOG_ERROR_AS(NAME, "[CRC:] get_gateway_device failed\n ");
-        pthread_mutex_unlock(&gatewayMutex);
         return -1;
     }
     attempt result = attempt::failed;
     for (gateway_device_t* device = g_gateway_device_list.head;
-         device != nullptr && result == attempt::failed && !socket->abandoned;
-         device = device->next) {
+         device != nullptr && result == attempt::failed && !is_let_go(); device = device->next) {
         result = _try_listed_device(socket, address, timeout, device->name);
     }
     if (result == attempt::give_up) {
-        // The mutex stays locked, as it always has on this path: a process that gets no descriptor
-        // any more searches no uplink again. Plain connects go on.
+        // Required: the mutex stays locked, and a process that is out of descriptors searches no
+        // uplink again. Plain connects go on; whoever waits for the mutex gives up in time.
+        guard.keep();
         return -1;
     }
-    pthread_mutex_unlock(&gatewayMutex);
+    guard.release();
     if (result == attempt::failed) {
         LOG_ERROR_AS(NAME, "[CRC:] open sock failed, errno:%d\n", errno);
         return -1;
@@ -266,14 +272,17 @@ int socket_connect_select_device(cloud_socket_t* socket, const sockaddr_in* addr
         _store_local_address(socket->sockfd);
         return 0;
     }
-    if (count <= 1) {
+    if (count <= 1 || is_let_go()) {
         return -1;
     }
     _dissolve_connect(socket->sockfd);
 
     char reserved[GATEWAY_DEVICE_NAME_SIZE];
     {
-        mutex_guard guard(&gatewayMutex);
+        bounded_mutex_guard guard(&gatewayMutex, timeout);
+        if (!guard.isHeld) {
+            return -1;
+        }
         memcpy(reserved, g_gateway_device_list.reserve_gateway_device, sizeof reserved);
     }
     if (reserved[0] == '\0') {

@@ -8,7 +8,8 @@
 //
 // Owner: the process; the list owns its entries. Threads: workers connect; the reserved name and
 // the list are guarded by one mutex of this module, the local address by another, both taken by
-// socket_connect_select_device only. The exported functions take no lock of their own.
+// socket_connect_select_device only. The first stays locked for good when a search runs out of
+// descriptors. The exported functions take no lock of their own.
 
 struct sockaddr_in;
 struct cloud_socket_t;
@@ -49,7 +50,7 @@ int print_gateway_device(gateway_device_list_t* list);
 }
 
 // Connects socket->sockfd to `address`, with the device selection above; each attempt takes at most
-// `timeout` milliseconds. Returns 0 or -1. The descriptor may be another one afterwards, and stays
-// bound to the device that worked.
+// `timeout` milliseconds, as does the wait for another worker's search. Returns 0 or -1. The
+// descriptor may be another one afterwards, and stays bound to the device that worked.
 int socket_connect_select_device(cloud_socket_t* socket, const sockaddr_in* address,
                                  int64_t timeout);

@@ -13,17 +13,15 @@
 
 namespace {
 
-constexpr uint32_t BUCKET_SIZE = 16384; // one TLS record's worth
-
 // The body goes in buckets at fixed offsets; a bucket that a read error left short is kept as it
 // is, zero-filled: the connection's next read meets the error again.
 int _recv_body(cloud_socket_t* socket, uint8_t* body, uint32_t dataLen, int64_t timeout) {
     constexpr char NAME[] = "cloud_socket_recv";
-    uint32_t bucketCnt = dataLen / BUCKET_SIZE + (dataLen % BUCKET_SIZE != 0);
+    size_t bucketCnt = dataLen / CRC_DATA_BUF_SIZE + (dataLen % CRC_DATA_BUF_SIZE != 0);
     LOG_INFO_AS(NAME, "[CRC:] Start read. bucketSize %d, bucketCnt %d",
-                static_cast<int>(BUCKET_SIZE), static_cast<int>(bucketCnt));
-    for (size_t done = 0; done < dataLen; done += BUCKET_SIZE) {
-        size_t size = std::min<size_t>(dataLen - done, BUCKET_SIZE);
+                static_cast<int>(CRC_DATA_BUF_SIZE), static_cast<int>(bucketCnt));
+    for (size_t done = 0; done < dataLen; done += CRC_DATA_BUF_SIZE) {
+        size_t size = std::min(dataLen - done, CRC_DATA_BUF_SIZE);
         int count = cloud_socket_recv_buf(socket, body + done, size, timeout);
         if (count < 0) {
             LOG_ERROR_AS(NAME, "[CRC:] socket recv error, result:%d", count);

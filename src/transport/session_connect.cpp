@@ -2,34 +2,58 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <netdb.h>
 
+#include "core/block.h"
 #include "core/cloud_cycle_record.h"
 #include "core/log.h"
 #include "core/result.h"
 #include "core/session_notice.h"
+#include "core/wanted.h"
 #include "transport/cloud_socket.h"
 
 namespace {
 
 constexpr int64_t CONNECT_TIMEOUT_MS = 5000;
-constexpr size_t RESOLVER_BUFFER_SIZE = 8192; // some hundred addresses; more do not resolve
+constexpr size_t RESOLVER_BUFFER_SIZE = 8192;        // some hundred addresses
+constexpr size_t RESOLVER_BUFFER_LIMIT = 256 * 1024; // four times what DNS can answer
+
+// The addresses of a name. They point into `buffer`.
+struct resolved_name {
+    hostent entry = {};
+    hostent* host = nullptr; // null when the name does not resolve
+    block_ptr buffer;
+};
+
+// Resolves in a buffer that is enlarged until the answer fits; errno on failure.
+void _resolve(const char* name, resolved_name* resolved) {
+    int result = ERANGE;
+    for (size_t size = RESOLVER_BUFFER_SIZE; result == ERANGE && size <= RESOLVER_BUFFER_LIMIT;
+         size *= 2) {
+        resolved->buffer.reset(static_cast<uint8_t*>(malloc(size)));
+        if (resolved->buffer == nullptr) {
+            return;
+        }
+        // The reentrant form: an older worker may still be resolving on its own thread.
+        int resolverError = 0;
+        result =
+            gethostbyname_r(name, &resolved->entry, reinterpret_cast<char*>(resolved->buffer.get()),
+                            size, &resolved->host, &resolverError);
+    }
+}
 
 // Tries the addresses of the server's name one after the other.
 int _cloud_session_connect_default_svr_by_host(cloud_cycle_t* cloudCycle) {
-    // The reentrant form: an older worker may still be resolving on its own thread.
-    char buffer[RESOLVER_BUFFER_SIZE];
-    hostent entry = {};
-    hostent* host = nullptr;
-    int resolverError = 0;
-    gethostbyname_r(cloudCycle->defaultSvr, &entry, buffer, sizeof buffer, &host, &resolverError);
-    if (host == nullptr) {
+    resolved_name resolved;
+    _resolve(cloudCycle->defaultSvr, &resolved);
+    if (resolved.host == nullptr) {
         LOG_ERROR("[CRC:] Gethostbyname %s err, %s", cloudCycle->defaultSvr, strerror(errno));
         return CLOUD_UNREACHABLE;
     }
-    for (char** address = host->h_addr_list;
-         *address != nullptr && !cloudCycle->cloudSocket->abandoned; address++) {
+    for (char** address = resolved.host->h_addr_list; *address != nullptr && !is_let_go();
+         address++) {
         char ipAddr[INET_ADDRSTRLEN] = {};
         inet_ntop(AF_INET, *address, ipAddr, sizeof ipAddr);
         // The wording is that of a success; it announces the attempt.
@@ -63,7 +87,7 @@ int internal::_cloud_session_connect_default_svr_local(cloud_cycle_t* cloudCycle
     }
     // A worker that was replaced while it connected says no hello: the relay would take it for the
     // device's newest session.
-    result = cloudCycle->cloudSocket->abandoned ? CLOUD_ERROR : cloud_handshake_svr(cloudCycle);
+    result = is_let_go() ? CLOUD_ERROR : cloud_handshake_svr(cloudCycle);
     if (result != 0) {
         LOG_ERROR("[CRC:] Handshake [%s : %d] error", ipAddr, cloudCycle->defaultPort);
         cloud_socket_disconnect(cloudCycle->cloudSocket);
@@ -88,7 +112,6 @@ int cloud_session_connect(cloud_cycle_t* cloudCycle) {
     cloud_cycle_update_last_request_time(cloudCycle);
     cloud_cycle_update_last_connected_time(cloudCycle);
     cloud_cycle_reset_notify_flags(cloudCycle);
-    cloudCycle->cloudSocket->closeRequest = &cloudCycle->closeByClient;
     LOG_INFO("[CRC:] Connect relay-server successfully, use [%s:%d]", cloudCycle->defaultSvr,
              cloudCycle->defaultPort);
     return CLOUD_OK;

@@ -1,5 +1,6 @@
 #include "transport/tcp_connect.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -9,20 +10,15 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "core/clock.h"
 #include "core/log.h"
+#include "core/wanted.h"
 
 namespace {
 
-constexpr int64_t MS_PER_SECOND = 1000;
 constexpr int64_t US_PER_MS = 1000;
 
-} // namespace
-
-int wait_descriptor(int fd, wait_for readiness, int64_t timeout) {
-    if (fd >= FD_SETSIZE) {
-        errno = EMFILE;
-        return -1;
-    }
+int _select(int fd, wait_for readiness, int64_t timeout) {
     fd_set set;
     FD_ZERO(&set);
     FD_SET(fd, &set);
@@ -31,6 +27,29 @@ int wait_descriptor(int fd, wait_for readiness, int64_t timeout) {
     limit.tv_usec = timeout % MS_PER_SECOND * US_PER_MS;
     bool reading = readiness == wait_for::reading;
     return select(fd + 1, reading ? &set : nullptr, reading ? nullptr : &set, nullptr, &limit);
+}
+
+} // namespace
+
+int wait_descriptor(int fd, wait_for readiness, int64_t timeout) {
+    if (fd >= FD_SETSIZE) {
+        errno = EMFILE;
+        return -1;
+    }
+    for (;;) {
+        int64_t look = std::min<int64_t>(timeout, LOOK_MS);
+        int ready = _select(fd, readiness, look);
+        timeout -= look;
+        if (ready != 0 || timeout <= 0 || is_let_go()) {
+            return ready;
+        }
+    }
+}
+
+int socket_error(int fd) {
+    int error = 0;
+    socklen_t size = sizeof error;
+    return getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
 }
 
 int open_tcp_socket() {
@@ -66,9 +85,7 @@ int connect_nonblock(int fd, const sockaddr_in* address, int64_t timeout) {
         LOG_ERROR("[CRC:] select error, result:%d, errno:%s", ready, strerror(errno));
         return -1;
     }
-    int error = 0;
-    socklen_t size = sizeof error;
-    getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size);
+    int error = socket_error(fd);
     if (error != 0) {
         errno = error;
         LOG_ERROR("[CRC:] select error, result:%d, errno:%s", ready, strerror(errno));

@@ -9,9 +9,14 @@ struct sockaddr_in;
 
 enum class wait_for { reading, writing };
 
-// Waits until `fd` is ready, at most `timeout` milliseconds. Returns what select returns: 1 ready,
-// 0 time-out, -1 with errno. A descriptor that no fd_set can hold is refused with EMFILE.
+// Waits until `fd` is ready, at most `timeout` milliseconds and no longer than the calling thread's
+// work is wanted (core/wanted.h). Returns what select returns: 1 ready, 0 when the wait is over, -1
+// with errno. A descriptor that no fd_set can hold is refused with EMFILE.
 int wait_descriptor(int fd, wait_for readiness, int64_t timeout);
+
+// What became of a non-blocking connect: 0 when the socket is connected, else an errno, also when
+// the system cannot tell.
+int socket_error(int fd);
 
 // Opens a TCP socket that child processes do not inherit. Returns it, or -1 with errno; EMFILE also
 // for a descriptor that no fd_set can hold.

@@ -1,6 +1,7 @@
 // The control object on a real bus: a broker process, the daemon's event loop in a process of its
 // own, and this process as the one who calls.
 
+#include "control/start_up.h"
 #include "control/ubus_control.h"
 
 #include <chrono>

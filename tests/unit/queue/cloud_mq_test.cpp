@@ -32,8 +32,6 @@ protected:
         log.clear();
     }
 
-    void TearDown() override { cloudCycleOfWorker = nullptr; }
-
     // Queues a message, which is then in its slot, and gives its identifier.
     int insert(int type = HEARTBEAT, int32_t timeout = TIMEOUT_MS) {
         int id = cloud_mq_get_id(mq.get());
@@ -269,11 +267,11 @@ TEST_F(cloud_mq, a_reply_is_kept_with_its_message) {
     EXPECT_NE(slot(0).reqStr, nullptr);
 }
 
-TEST_F(cloud_mq, a_heartbeats_reply_is_booked_on_the_workers_session) {
+TEST_F(cloud_mq, a_heartbeats_reply_is_booked_on_the_queues_session) {
     cloud_cycle_t cycle = {};
     cycle.heartbeatStatus = HEARTBEAT_SENT;
     cycle.heartbeatTimeoutTimes = 3;
-    cloudCycleOfWorker = &cycle;
+    mq->owner = &cycle;
     EXPECT_EQ(respond(insert(HEARTBEAT)), 0);
     EXPECT_EQ(cycle.heartbeatStatus, HEARTBEAT_ANSWERED);
     EXPECT_EQ(cycle.heartbeatTimeoutTimes, 0);
@@ -283,7 +281,7 @@ TEST_F(cloud_mq, a_heartbeats_reply_is_booked_on_the_workers_session) {
 TEST_F(cloud_mq, the_reply_to_another_message_is_no_heartbeats) {
     cloud_cycle_t cycle = {};
     cycle.heartbeatStatus = HEARTBEAT_SENT;
-    cloudCycleOfWorker = &cycle;
+    mq->owner = &cycle;
     EXPECT_EQ(respond(insert(WEB_TOKEN)), 0); // what counts is the request's type
     EXPECT_EQ(cycle.heartbeatStatus, HEARTBEAT_SENT);
 }

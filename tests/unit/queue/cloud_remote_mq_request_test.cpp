@@ -3,6 +3,7 @@
 #include <sys/ioctl.h>
 #include <thread>
 
+#include "core/block.h"
 #include "support/high_descriptors.h"
 #include "transport/relay_packet.h"
 #include "unit/queue/remote_requests.h"
@@ -256,12 +257,16 @@ TEST_F(remote_mq_request, waits_ten_seconds_for_a_web_server_whose_backlog_is_fu
     EXPECT_EQ(node()->webSvrSockfd, -1);
 }
 
-TEST_F(remote_mq_request, stops_waiting_for_the_web_server_when_the_session_is_abandoned) {
+TEST_F(remote_mq_request, stops_waiting_for_the_web_server_when_the_session_is_to_end) {
     deaf_listener deaf;
     configure_port(std::to_string(deaf.port()));
-    auto result = std::async(std::launch::async, [&] { return forward(session, 1, "x"); });
+    worker_wishes wishes;
+    auto result = std::async(std::launch::async, [&] {
+        wishes.adopt();
+        return forward(session, 1, "x");
+    });
     EXPECT_TRUE(eventually([&] { return web_socket() >= 0; }));
-    cloud_socket_abandon(session.cycle->cloudSocket);
+    wishes.stop = 1;
     EXPECT_EQ(result.get(), -1);
     EXPECT_TRUE(log.has(error_line(CONNECT_WEB, HasSubstr("Operation canceled"))));
 }

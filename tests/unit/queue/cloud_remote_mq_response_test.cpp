@@ -3,6 +3,7 @@
 #include <fstream>
 #include <malloc.h>
 
+#include "queue/web_server.h"
 #include "unit/queue/remote_requests.h"
 
 using testing::ElementsAre;
@@ -28,6 +29,18 @@ protected:
         auto relayed = std::async(std::launch::async, [&] { return session.relay.read_packet(); });
         EXPECT_EQ(relay_answers(session), 0);
         return relayed.get();
+    }
+
+    // True while an answer is being read or relayed; any thread.
+    static bool is_answer_being_read() {
+        return pthread_mutex_trylock(&gRemoteMqLock) == EBUSY ||
+               pthread_mutex_unlock(&gRemoteMqLock) != 0;
+    }
+
+    // Waits until the reader of an answer has looked at the clock again after what came last.
+    static void wait_until_answer_is_awaited(moved_clock* clock) {
+        int64_t readings = clock->readings();
+        EXPECT_TRUE(eventually([&] { return clock->readings() > readings + 2; }));
     }
 
     // An exchange that failed: nothing went to the relay, and its socket is gone.
@@ -105,10 +118,7 @@ TEST_F(remote_mq_response, that_comes_in_pieces_is_waited_for_to_its_end) {
     exchange.answer("HTTP/1.0 ");
     server.post([&] {
         // The rest comes only when the answer is being read.
-        EXPECT_TRUE(eventually([&] {
-            return pthread_mutex_trylock(&gRemoteMqLock) == EBUSY ||
-                   pthread_mutex_unlock(&gRemoteMqLock) != 0;
-        }));
+        EXPECT_TRUE(eventually(is_answer_being_read));
         for (const char* piece : {"200 OK\r\n", "\r\n", "hello"}) {
             exchange.answer(piece);
         }
@@ -302,21 +312,41 @@ TEST_F(remote_mq_response, of_a_silent_web_server_is_given_up_ten_seconds_after_
     EXPECT_EQ(session.relay.read_exact(1), "");
 }
 
-TEST_F(remote_mq_response, that_never_closes_fails_when_its_time_is_up) {
+TEST_F(remote_mq_response, that_never_closes_fails_when_nothing_comes_for_its_time) {
     web_connection exchange = await_answer(1);
     node()->timeout = 100; // ten seconds otherwise
     exchange.answer("HTTP/1.1 200 OK\r\nConnection: keep-alive\r\n\r\n");
-    int64_t end = node()->updateTime + node()->timeout;
+    int64_t start = cloud_now_ms();
     EXPECT_EQ(relay_answers(session), -1);
-    EXPECT_GE(cloud_now_ms(), end);
+    EXPECT_GE(cloud_now_ms(), start + 100);
     EXPECT_TRUE(log.has(error_line(RECV_RESPONSE, HasSubstr("[CRC:] recv data from "))));
     EXPECT_TRUE(exchange.is_at_end());
     expect_failed();
 }
 
-TEST_F(remote_mq_response, that_trickles_in_past_its_time_fails_all_the_same) {
+TEST_F(remote_mq_response, that_flows_is_read_to_its_end_however_long_it_takes) {
+    constexpr int PIECES = 8; // nine seconds apart: 72 s in all
     moved_clock clock;
     web_connection exchange = await_answer(1);
+    exchange.answer("x");
+    verb_queue server;
+    server.post([&] {
+        for (int piece = 0; piece < PIECES; piece++) {
+            wait_until_answer_is_awaited(&clock);
+            clock.move(9000);
+            exchange.answer("x");
+        }
+        exchange.close();
+    });
+    EXPECT_EQ(relay_answers(session), 0);
+    EXPECT_EQ(session.relay.read_packet().body, std::string(PIECES + 1, 'x'));
+}
+
+TEST_F(remote_mq_response, that_flows_for_90_seconds_fails) {
+    moved_clock clock;
+    web_connection exchange = await_answer(1);
+    exchange.answer("x");
+    int64_t start = cloud_now_ms();
     verb_queue server;
     server.post([&] {
         while (exchange.answer("x")) { // until the device hangs up
@@ -324,14 +354,33 @@ TEST_F(remote_mq_response, that_trickles_in_past_its_time_fails_all_the_same) {
         }
     });
     EXPECT_EQ(relay_answers(session), -1);
+    EXPECT_GE(cloud_now_ms() - start, 90000);
+    EXPECT_TRUE(log.has(error_line(RECV_RESPONSE, HasSubstr("[CRC:] recv data from "))));
     expect_failed();
 }
 
-TEST_F(remote_mq_response, is_not_waited_for_when_the_session_is_abandoned) {
+TEST_F(remote_mq_response, that_is_there_when_its_time_runs_out_is_still_sent) {
+    moved_clock clock;
+    web_connection exchange = await_answer(1);
+    exchange.answer("in time");
+    exchange.close();
+    EXPECT_TRUE(eventually([&] { return web_server_has_answered(node()->webSvrSockfd); }));
+    clock.move(11000); // spent on another answer
+    cloud_remote_mq_remove();
+    EXPECT_EQ(relay_answers(session), 0);
+    EXPECT_EQ(session.relay.read_packet().body, "in time");
+}
+
+TEST_F(remote_mq_response, is_not_waited_for_when_the_session_is_to_end) {
     web_connection exchange = await_answer(1);
     exchange.answer("half");
+    worker_wishes wishes;
+    wishes.adopt();
     verb_queue control;
-    control.post([&] { cloud_socket_abandon(session.cycle->cloudSocket); });
+    control.post([&] {
+        EXPECT_TRUE(eventually(is_answer_being_read));
+        wishes.stop = 1;
+    });
     EXPECT_EQ(relay_answers(session), -1);
     expect_failed();
 }
@@ -383,7 +432,7 @@ TEST_F(remote_mq_response, without_memory_to_grow_fails) {
     verb_queue server;
     server.post([&] { exchange.answer(patterned_bytes(50000)); });
     {
-        fail_call noMemory("realloc", 2);
+        fail_call noMemory("realloc", 1);
         EXPECT_EQ(relay_answers(session), 101);
     }
     EXPECT_THAT(logged(),

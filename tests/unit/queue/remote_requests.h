@@ -22,6 +22,7 @@
 #include "support/tcp.h"
 #include "support/verb_queue.h"
 #include "support/web_peer.h"
+#include "support/worker_wishes.h"
 #include "transport/cloud_socket.h"
 
 // What the files of the remote request queue's tests share: a queue, a relay, a web server, and

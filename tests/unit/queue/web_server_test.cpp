@@ -17,7 +17,7 @@
 #include "support/packet.h"
 #include "support/tcp.h"
 #include "support/web_peer.h"
-#include "transport/cloud_socket.h"
+#include "support/worker_wishes.h"
 
 namespace {
 
@@ -29,12 +29,11 @@ protected:
         fd = web_server_open();
         ASSERT_GE(fd, 0);
     }
-    void TearDown() override {
-        close(fd);
-        cloud_socket_destroy(relay);
-    }
+    void TearDown() override { close(fd); }
 
-    int connect_to(int port) { return web_server_connect(fd, static_cast<uint16_t>(port), &wait); }
+    int connect_to(int port) {
+        return web_server_connect(fd, static_cast<uint16_t>(port), PATIENCE_MS);
+    }
 
     web_connection connect() {
         EXPECT_EQ(connect_to(web.port()), 0);
@@ -42,8 +41,6 @@ protected:
     }
 
     web_peer web;
-    cloud_socket_t* relay = cloud_socket_init();
-    web_wait_t wait = {relay, PATIENCE_MS};
     int fd = -1;
 };
 
@@ -59,7 +56,7 @@ TEST_F(web_server, is_spoken_to_without_blocking_or_delay_and_not_by_child_proce
 TEST_F(web_server, cannot_be_spoken_to_without_a_socket) {
     fail_call noSocket("socket", 1);
     EXPECT_EQ(web_server_open(), -1);
-    EXPECT_EQ(web_server_connect(-1, static_cast<uint16_t>(web.port()), &wait), -1);
+    EXPECT_EQ(web_server_connect(-1, static_cast<uint16_t>(web.port()), PATIENCE_MS), -1);
     EXPECT_EQ(errno, EBADF);
 }
 
@@ -70,7 +67,7 @@ TEST_F(web_server, refuses_with_the_systems_error) {
 
 TEST_F(web_server, is_not_connected_to_by_a_descriptor_beyond_select) {
     errno = 0;
-    EXPECT_EQ(web_server_connect(FD_SETSIZE, static_cast<uint16_t>(web.port()), &wait), -1);
+    EXPECT_EQ(web_server_connect(FD_SETSIZE, static_cast<uint16_t>(web.port()), PATIENCE_MS), -1);
     EXPECT_EQ(errno, EMFILE);
     EXPECT_FALSE(web.is_called(0));
 }
@@ -80,68 +77,112 @@ TEST_F(web_server, gets_and_gives_bytes_as_they_are) {
     const std::string bytes = patterned_bytes(3000000);
     auto received =
         std::async(std::launch::async, [&] { return exchange.read_exact(bytes.size()); });
-    EXPECT_EQ(
-        web_server_send(fd, reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size(), &wait),
-        0);
+    EXPECT_EQ(web_server_send(fd, reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size(),
+                              PATIENCE_MS),
+              0);
     EXPECT_TRUE(received.get() == bytes);
     exchange.answer("answer");
     uint8_t buffer[100] = {};
-    EXPECT_EQ(web_server_recv(fd, buffer, 3, &wait), 3);
-    EXPECT_EQ(web_server_recv(fd, buffer + 3, sizeof buffer - 3, &wait), 3);
+    EXPECT_EQ(web_server_recv(fd, buffer, 3, PATIENCE_MS), 3);
+    EXPECT_EQ(web_server_recv(fd, buffer + 3, sizeof buffer - 3, PATIENCE_MS), 3);
     EXPECT_STREQ(reinterpret_cast<char*>(buffer), "answer");
     exchange.close();
-    EXPECT_EQ(web_server_recv(fd, buffer, sizeof buffer, &wait), 0);
+    EXPECT_EQ(web_server_recv(fd, buffer, sizeof buffer, PATIENCE_MS), 0);
 }
 
 TEST_F(web_server, that_is_gone_raises_an_error_and_no_signal) {
     connect().reset();
     uint8_t buffer[100] = {};
-    EXPECT_EQ(web_server_recv(fd, buffer, sizeof buffer, &wait), -1);
+    EXPECT_EQ(web_server_recv(fd, buffer, sizeof buffer, PATIENCE_MS), -1);
     EXPECT_EQ(errno, ECONNRESET);
-    EXPECT_EQ(web_server_send(fd, buffer, sizeof buffer, &wait), -1);
+    EXPECT_EQ(web_server_send(fd, buffer, sizeof buffer, PATIENCE_MS), -1);
     EXPECT_EQ(errno, EPIPE);
 }
 
 TEST_F(web_server, that_says_nothing_is_waited_for_until_patience_ends) {
     web_connection exchange = connect();
-    wait.patience = 150;
     uint8_t byte = 0;
     auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(web_server_recv(fd, &byte, 1, &wait), -1);
+    EXPECT_EQ(web_server_recv(fd, &byte, 1, 150), -1);
     EXPECT_EQ(errno, ETIMEDOUT);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(150));
-    EXPECT_LT(wait.patience, 0);
 }
 
-TEST_F(web_server, is_waited_for_by_all_its_calls_together) {
+TEST_F(web_server, that_takes_bytes_slowly_gets_them_all) {
     web_connection exchange = connect();
-    wait.patience = 60;
-    uint8_t byte = 0;
-    web_wait_t first = wait;
-    EXPECT_EQ(web_server_recv(fd, &byte, 1, &first), -1);
-    EXPECT_EQ(web_server_recv(fd, &byte, 1, &first), -1); // at once: nothing is left
-    EXPECT_EQ(errno, ETIMEDOUT);
-    exchange.answer("x");
-    EXPECT_TRUE(eventually([&] { return web_server_recv(fd, &byte, 1, &first) == 1; }));
-}
-
-TEST_F(web_server, is_not_waited_for_once_the_relay_is_abandoned) {
-    web_connection exchange = connect();
-    uint8_t byte = 0;
+    const std::string bytes = patterned_bytes(16 * 1000 * 1000); // more than both buffers hold
+    constexpr int64_t PATIENCE_BETWEEN_MS = 1000;
+    moved_clock clock;
     auto result = std::async(std::launch::async, [&] {
-        ssize_t count = web_server_recv(fd, &byte, 1, &wait);
-        return count == -1 ? errno : 0;
+        return web_server_send(fd, reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size(),
+                               PATIENCE_BETWEEN_MS);
     });
-    cloud_socket_abandon(relay);
-    EXPECT_EQ(result.get(), ECANCELED);
+    // In all far longer than its patience, which is for a web server that takes nothing.
+    constexpr size_t PIECES = 16;
+    for (size_t piece = 0; piece < PIECES; piece++) {
+        int64_t readings = clock.readings();
+        EXPECT_EQ(exchange.read_exact(bytes.size() / PIECES).size(), bytes.size() / PIECES);
+        EXPECT_TRUE(eventually([&] { // it waits for the next piece to be taken, or is done
+            return clock.readings() > readings + 1 ||
+                   result.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+        }));
+        clock.move(PATIENCE_BETWEEN_MS / 2);
+    }
+    EXPECT_EQ(result.get(), 0);
 }
 
-TEST_F(web_server, may_be_waited_for_without_a_relay) {
-    wait = {nullptr, 30};
+TEST_F(web_server, that_takes_nothing_is_given_up) {
     web_connection exchange = connect();
-    uint8_t byte = 0;
-    EXPECT_EQ(web_server_recv(fd, &byte, 1, &wait), -1);
+    const std::string bytes = patterned_bytes(8 * 1000 * 1000);
+    EXPECT_EQ(
+        web_server_send(fd, reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size(), 150), -1);
     EXPECT_EQ(errno, ETIMEDOUT);
+}
+
+TEST_F(web_server, is_not_waited_for_once_the_session_is_to_end) {
+    web_connection exchange = connect();
+    for (std::atomic<int> worker_wishes::*wish : {&worker_wishes::stop, &worker_wishes::letGo}) {
+        worker_wishes wishes;
+        moved_clock clock;
+        int64_t readings = clock.readings();
+        auto result = std::async(std::launch::async, [&] {
+            wishes.adopt();
+            uint8_t byte = 0;
+            ssize_t count = web_server_recv(fd, &byte, 1, PATIENCE_MS);
+            return count == -1 ? errno : 0;
+        });
+        EXPECT_TRUE(eventually([&] { return clock.readings() > readings + 1; })) << "it waits";
+        wishes.*wish = 1;
+        EXPECT_EQ(result.get(), ECANCELED);
+    }
+}
+
+TEST_F(web_server, whose_waits_fail_for_good_is_given_up_at_once) {
+    web_connection exchange = connect();
+    fail_call noMemory("poll");
+    uint8_t byte = 0;
+    EXPECT_EQ(web_server_recv(fd, &byte, 1, PATIENCE_MS), -1);
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_TRUE(noMemory.happened());
+}
+
+TEST_F(web_server, of_which_the_system_cannot_tell_whether_it_is_connected_is_not) {
+    fail_call noOption("getsockopt");
+    EXPECT_EQ(connect_to(web.port()), -1);
+    EXPECT_EQ(errno, ENOBUFS);
+    EXPECT_TRUE(noOption.happened());
+}
+
+TEST_F(web_server, that_closed_or_sent_something_has_answered) {
+    web_connection silent = connect();
+    EXPECT_FALSE(web_server_has_answered(fd));
+    silent.answer("x");
+    EXPECT_TRUE(eventually([&] { return web_server_has_answered(fd); }));
+    uint8_t byte = 0;
+    EXPECT_EQ(web_server_recv(fd, &byte, 1, PATIENCE_MS), 1);
+    EXPECT_FALSE(web_server_has_answered(fd));
+    silent.close();
+    EXPECT_TRUE(eventually([&] { return web_server_has_answered(fd); }));
 }
 
 } // namespace

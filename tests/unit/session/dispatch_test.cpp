@@ -33,10 +33,8 @@ protected:
         if (pCloudRemoteMq == nullptr) {
             cloud_remote_mq_init();
         }
-        cloudCycleOfWorker = cycle;
         log.clear();
     }
-    ~DispatchTest() override { cloudCycleOfWorker = nullptr; }
 
     int dispatch(const std::string& header) {
         return cloud_server_handle_dispatch(cycle, reinterpret_cast<const uint8_t*>(header.data()),

@@ -42,11 +42,9 @@ protected:
             cloud_remote_mq_init();
         }
         session.cycle->status = CLOUD_CYCLE_RUNNING | CLOUD_CYCLE_CONNECTED;
-        cloudCycleOfWorker = session.cycle;
         set_clock(LONG_UP_MS);
         log.clear();
     }
-    ~HeartbeatTest() override { cloudCycleOfWorker = nullptr; }
 
     void set_clock(int64_t now) { clock.move(now - cloud_now_ms()); }
 

@@ -68,9 +68,9 @@ TEST_F(MainLoopTest, AStopEndsTheSessionWithinATurn) {
     EXPECT_TRUE(relay.is_closed_in_order());
 }
 
-TEST_F(MainLoopTest, AnAbandonedSocketEndsTheSession) {
+TEST_F(MainLoopTest, AWorkerThatIsLetGoEndsItsSession) {
     start();
-    cloud_socket_abandon(cycle->cloudSocket);
+    cloud_cycle_let_go(cycle);
     EXPECT_EQ(end(), 0);
     EXPECT_THAT(log.messages(LOOP), ElementsAre("[CRC:] begin cycle loop", SESSION_CLOSED));
 }

@@ -73,7 +73,6 @@ protected:
 
     void run() {
         worker = std::thread([this] {
-            cloudCycleOfWorker = cycle;
             result = cloud_cycle_start(cycle);
             cloud_remote_mq_clear(); // the exchanges are this thread's
         });

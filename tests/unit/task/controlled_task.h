@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <utility>
 
+#include "control/start_up.h"
 #include "queue/cloud_remote_mq.h"
 #include "support/eventually.h"
 #include "support/log_capture.h"

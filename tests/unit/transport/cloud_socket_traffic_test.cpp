@@ -9,6 +9,7 @@
 
 #include "connected_socket.h"
 #include "support/failing_calls.h"
+#include "support/worker_wishes.h"
 
 namespace {
 
@@ -147,7 +148,6 @@ TEST_F(ConnectedSocket, TheTimeOutCountsFromTheCallsStartNotFromTheLastBytes) {
         clock.move(TIMEOUT / 3);
     }
     EXPECT_TRUE(eventually([&] { return ended.load(); }));
-    cloud_socket_abandon(socket);
     reader.join();
     EXPECT_EQ(result, -1);
 }
@@ -197,15 +197,15 @@ TEST_F(ConnectedSocket, BytesOutsideOfTlsBreakTheConnection) {
 TEST_F(ConnectedSocket, ApplicationDataIsData) {
     relay.send("x");
     ASSERT_TRUE(becomes_readable());
-    EXPECT_TRUE(cloud_socket_has_data(socket));
-    EXPECT_TRUE(cloud_socket_has_data(socket)); // looking takes nothing
+    EXPECT_EQ(cloud_socket_look(socket), tls_data::some);
+    EXPECT_EQ(cloud_socket_look(socket), tls_data::some); // looking takes nothing
     EXPECT_EQ(receive(1), "x");
 }
 
 TEST_F(ConnectedSocket, TheEndOfTheConnectionIsData) {
     relay.close_notify();
     ASSERT_TRUE(becomes_readable());
-    EXPECT_TRUE(cloud_socket_has_data(socket));
+    EXPECT_EQ(cloud_socket_look(socket), tls_data::some);
     EXPECT_EQ(receive(1), "");
     EXPECT_EQ(socket->status, CLOUD_SOCKET_DISCONNECTED);
 }
@@ -214,7 +214,7 @@ TEST_F(ConnectedSocket, ABrokenConnectionIsData) {
     for (bool withReset : {false, true}) {
         withReset ? relay.reset() : relay.close();
         ASSERT_TRUE(becomes_readable());
-        EXPECT_TRUE(cloud_socket_has_data(socket));
+        EXPECT_EQ(cloud_socket_look(socket), tls_data::some);
         EXPECT_EQ(receive(1), "");
         cloud_socket_disconnect(socket);
         meet();
@@ -224,7 +224,7 @@ TEST_F(ConnectedSocket, ABrokenConnectionIsData) {
 TEST_F(ConnectedSocket, ASessionTicketIsNoData) {
     relay.send_ticket();
     ASSERT_TRUE(becomes_readable());
-    EXPECT_FALSE(cloud_socket_has_data(socket));
+    EXPECT_EQ(cloud_socket_look(socket), tls_data::none);
     EXPECT_EQ(wait_descriptor(socket->sockfd, wait_for::reading, 0), 0);
     relay.send("after");
     EXPECT_EQ(receive(5), "after");
@@ -244,7 +244,7 @@ TEST_F(ConnectedSocket, AKeyUpdateIsNoDataAndTheConnectionGoesOn) {
     for (bool both : {false, true}) {
         relay.update_keys(both);
         ASSERT_TRUE(becomes_readable());
-        EXPECT_FALSE(cloud_socket_has_data(socket));
+        EXPECT_EQ(cloud_socket_look(socket), tls_data::none);
         EXPECT_EQ(send("to the relay"), 0);
         EXPECT_EQ(relay.read_exact(12), "to the relay");
         relay.send("to the device");
@@ -257,16 +257,16 @@ TEST_F(ConnectedSocket, DataBehindATicketAndAKeyUpdateIsData) {
     relay.update_keys(true);
     relay.send("x");
     ASSERT_TRUE(relay.is_done());
-    EXPECT_TRUE(eventually([&] { return cloud_socket_has_data(socket); }));
+    EXPECT_TRUE(eventually([&] { return cloud_socket_look(socket) == tls_data::some; }));
     EXPECT_EQ(receive(1), "x");
 }
 
 TEST_F(ConnectedSocket, HalfARecordIsNoData) {
     relay.send_part("whole", 9);
     ASSERT_TRUE(becomes_readable());
-    EXPECT_FALSE(cloud_socket_has_data(socket));
+    EXPECT_EQ(cloud_socket_look(socket), tls_data::none);
     relay.send_rest();
-    EXPECT_TRUE(eventually([&] { return cloud_socket_has_data(socket); }));
+    EXPECT_TRUE(eventually([&] { return cloud_socket_look(socket) == tls_data::some; }));
     EXPECT_EQ(receive(5), "whole");
 }
 
@@ -301,14 +301,19 @@ TEST_F(CloudSocket, DisconnectOfNullIsOnlyLogged) {
 
 // --- being given up by another thread ---
 
-TEST_F(ConnectedSocket, AnAbandonedReadStopsWaiting) {
+TEST_F(ConnectedSocket, AReadStopsWaitingWhenItsWorkerIsLetGo) {
     constexpr int64_t AN_HOUR = 3600 * 1000;
+    moved_clock clock;
+    int64_t readingsBefore = clock.readings();
+    worker_wishes wishes;
     int result = 0;
     std::thread reader([&] {
+        wishes.adopt();
         char byte = 0;
         result = cloud_socket_recv_buf(socket, &byte, 1, AN_HOUR);
     });
-    cloud_socket_abandon(socket);
+    EXPECT_TRUE(eventually([&] { return clock.readings() > readingsBefore + 1; })) << "it waits";
+    wishes.letGo = 1;
     reader.join();
     EXPECT_EQ(result, -1);
     EXPECT_THAT(log.messages(), ElementsAre("[CRC:] recv timeout"));
@@ -317,8 +322,8 @@ TEST_F(ConnectedSocket, AnAbandonedReadStopsWaiting) {
 // A connected socket with a write under way, on a thread of its own, that the peer does not take.
 struct StalledWrite : ConnectedSocket {
     StalledWrite() {
-        socket->closeRequest = &closeRequest;
         writer = std::thread([this] {
+            wishes.adopt();
             result = send(bytes);
             ended = true;
         });
@@ -330,36 +335,37 @@ struct StalledWrite : ConnectedSocket {
 
     int outcome() {
         EXPECT_TRUE(eventually([&] { return ended.load(); }));
-        cloud_socket_abandon(socket); // ends it in any case
         writer.join();
         return result;
     }
 
     const std::string bytes = std::string(64 * 1024 * 1024, 'x'); // more than any buffer holds
-    std::atomic<int> closeRequest = 0;
+    worker_wishes wishes;
     std::atomic<bool> ended = false;
     int result = 0;
     std::thread writer;
 };
 
-TEST_F(StalledWrite, IsGivenUpWhenTheSocketIsAbandoned) {
-    cloud_socket_abandon(socket);
+TEST_F(StalledWrite, IsGivenUpWhenItsWorkerIsLetGo) {
+    wishes.letGo = 1;
     EXPECT_EQ(outcome(), 9);
     EXPECT_EQ(socket->status, CLOUD_SOCKET_DISCONNECTED);
     EXPECT_THAT(log.lines(),
                 ElementsAre(error_line(SEND, StartsWith("[CRC:] The socket is disconnected"))));
 }
 
-TEST_F(StalledWrite, IsGivenUpWhenTheCloseIsRequested) {
-    closeRequest = 1;
+TEST_F(StalledWrite, IsGivenUpWhenTheSessionIsToEnd) {
+    wishes.stop = 1;
     EXPECT_EQ(outcome(), 9);
     EXPECT_EQ(socket->status, CLOUD_SOCKET_DISCONNECTED);
 }
 
-TEST_F(ConnectedSocket, AnAbandonedSocketNeitherReadsNorWrites) {
+TEST_F(ConnectedSocket, AWorkerThatIsLetGoNeitherReadsNorWrites) {
     relay.send("x");
     ASSERT_TRUE(becomes_readable());
-    cloud_socket_abandon(socket);
+    worker_wishes wishes;
+    wishes.adopt();
+    wishes.letGo = 1;
     EXPECT_EQ(receive(1), "");
     EXPECT_EQ(send("y"), 9);
     EXPECT_THAT(log.lines(),

@@ -2,12 +2,12 @@
 
 #include <csignal>
 #include <cstdio>
-#include <sys/prctl.h>
 #include <unistd.h>
 
+#include "control/start_up.h"
 #include "core/device_identity.h"
 #include "core/footprint.h"
-#include "task/task_controller.h"
+#include "core/log.h"
 
 namespace {
 
@@ -25,8 +25,10 @@ void _survive_closed_pipes() {
 } // namespace
 
 int main() {
-    prctl(PR_SET_NAME, "main");
+    cloud_name_thread("main");
     setvbuf(stdout, nullptr, _IOLBF, 0); // a reader of the pipe sees every line at once
+    cloud_output_changed(STDOUT_FILENO);
+    cloud_output_changed(STDERR_FILENO);
     _survive_closed_pipes();
     set_up_memory();
 

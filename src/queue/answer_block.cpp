@@ -1,0 +1,86 @@
+#include "queue/answer_block.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "core/footprint.h"
+#include "transport/packet_header.h"
+
+namespace {
+
+// What an answer leaves to the rest of the router: enough for its web server to end a request.
+constexpr size_t MEMORY_RESERVE = 4 * 1024 * 1024;
+constexpr size_t HUGE_BLOCK = 4 * 1024 * 1024; // from here on huge pages save most page faults
+
+// How much larger the reservation may become: as much again, but no more than the router has left.
+size_t _next_step(size_t reserved) {
+    size_t available = available_memory();
+    size_t spare = available > MEMORY_RESERVE ? available - MEMORY_RESERVE : 0;
+    return std::min(reserved, spare / CRC_DATA_BUF_SIZE * CRC_DATA_BUF_SIZE);
+}
+
+// For the whole mapping of the block, the allocator's own bytes included: a mapping of which only a
+// part wants huge pages is two for the kernel, and could not be enlarged without a copy.
+void _ask_for_huge_pages(uint8_t* bytes, size_t size) {
+    uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+    uintptr_t begin = reinterpret_cast<uintptr_t>(bytes) & ~(page - 1);
+    uintptr_t end = (reinterpret_cast<uintptr_t>(bytes) + size + page - 1) & ~(page - 1);
+    madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE); // refused: as before
+}
+
+bool _reserve(answer_block_t* block, size_t reserved) {
+    void* grown = realloc(block->bytes.get(), reserved);
+    if (grown == nullptr) {
+        return false;
+    }
+    static_cast<void>(block->bytes.release());
+    block->bytes.reset(static_cast<uint8_t*>(grown));
+    block->reserved = reserved;
+    if (reserved >= HUGE_BLOCK) {
+        _ask_for_huge_pages(block->bytes.get(), reserved);
+    }
+    return true;
+}
+
+// Where address space is limited, one piece more may be had when twice as much is not.
+bool _reserve_more(answer_block_t* block) {
+    size_t step = _next_step(block->reserved);
+    return step > 0 &&
+           (_reserve(block, block->reserved + step) ||
+            (step > CRC_DATA_BUF_SIZE && _reserve(block, block->reserved + CRC_DATA_BUF_SIZE)));
+}
+
+} // namespace
+
+bool answer_block_init(answer_block_t* block) {
+    block->bytes.reset(static_cast<uint8_t*>(calloc(1, CRC_DATA_BUF_SIZE)));
+    block->length = PACKET_HEADER_SIZE;
+    block->size = CRC_DATA_BUF_SIZE;
+    block->reserved = CRC_DATA_BUF_SIZE;
+    return block->bytes != nullptr;
+}
+
+uint8_t* answer_block_end(const answer_block_t& block) {
+    return block.bytes.get() + block.length;
+}
+
+size_t answer_block_room(const answer_block_t& block) {
+    return block.reserved - block.length;
+}
+
+bool answer_block_add(answer_block_t* block, size_t count) {
+    block->length += count;
+    while (block->size <= block->length) {
+        if (block->size > INT_MAX - CRC_DATA_BUF_SIZE) {
+            return false;
+        }
+        if (block->size == block->reserved && !_reserve_more(block)) {
+            return false;
+        }
+        block->size += CRC_DATA_BUF_SIZE;
+    }
+    return true;
+}
