@@ -55,7 +55,7 @@ bench: setup-checks build ## measure: the whole chain beside other tunnels, the 
 	$(PYTHON) bench/chain.py --json $(BUILD)/chain.json && \
 	$(PYTHON) bench/relay_bench.py --json $(BUILD)/relay.json && \
 	$(BUILD)/bin/bus_bench && \
-	$(PYTHON) tests/support/measure.py --json $(BUILD)/daemon.json
+	$(PYTHON) bench/daemon_bench.py --json $(BUILD)/daemon.json
 
 format: setup-checks ## format the sources
 	@clang-format-14 -i $(SOURCES)

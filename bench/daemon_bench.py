@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """What the daemon costs: its size, its memory, and its processor time at rest and at work.
 
-    CRC_BIN=build/release/bin tests/support/measure.py [--json FILE]
+    CRC_BIN=build/release/bin bench/daemon_bench.py [--json FILE]
 
 Prints a table and one line of JSON. Exit status 1 when a target is missed. Run it on a quiet
 machine: the relay and the web server, played by this script, share it with the daemon.
@@ -16,12 +16,14 @@ import tempfile
 import time
 from pathlib import Path
 
-from certificates import Authority
-from daemon import DAEMON, Daemon, build
-from processes import program
-from relay_peer import RELAY_REQUEST, Relay
-from router import Router, prepare
-from web_peer import WebServer
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "tests" / "support"))
+
+from certificates import Authority  # noqa: E402
+from daemon import DAEMON, Daemon, build  # noqa: E402
+from processes import program  # noqa: E402
+from relay_peer import RELAY_REQUEST, Relay  # noqa: E402
+from router import Router, prepare  # noqa: E402
+from web_peer import WebServer  # noqa: E402
 
 REST_S = 20
 REQUESTS = 1000
