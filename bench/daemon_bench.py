@@ -1,14 +1,15 @@
 #!/usr/bin/python3
 """What the daemon costs: its size, its memory, and its work at rest and for relayed requests.
 
-    CRC_BIN=build/release/bin bench/daemon_bench.py [--json FILE]
+    CRC_BIN=build/release/bin bench/daemon_bench.py [--json FILE] [--calls]
 
 Prints a table and one line of JSON. Exit status 1 when a target is missed. Run it on a quiet
 machine: the relay and the web server, played by this script, share it with the daemon.
 
 Memory is that of an idle session. Resident memory counts every page that is mapped, proportional
 memory shares a page among the processes that map it, and private dirty memory is what only this
-process holds and the kernel cannot drop.
+process holds and the kernel cannot drop. System calls are those of the worker thread, by strace,
+from a request's arrival to the wait for the next one; --calls lists them by name.
 """
 
 import argparse
@@ -19,6 +20,7 @@ import subprocess
 import sys
 import tempfile
 import time
+from collections import Counter
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "tests" / "support"))
@@ -31,9 +33,11 @@ from router import Router, prepare  # noqa: E402
 from web_peer import WebServer  # noqa: E402
 
 from figures import Figure, any_missed, by_name, print_figures  # noqa: E402
+from system_calls import Trace  # noqa: E402
 
 REST_S = 20
 REQUESTS = 1000
+TRACED_REQUESTS = 20
 BODY = bytes(range(256)) * 4  # 1 KiB, there and back
 
 
@@ -81,7 +85,21 @@ def work_for_requests(daemon, session):
             Figure("requests a second, one at a time", REQUESTS / seconds, "/s")]
 
 
+def worker_thread(daemon):
+    return next(task.name for task in Path(f"/proc/{daemon.pid}/task").iterdir()
+                if (task / "comm").read_text().startswith("cycleHnd_"))
+
+
+def calls_of_a_request(daemon, session, file):
+    """How often a relayed request makes each system call, by the call's name. Of several requests
+    the median: an answer and its end may come at once or one after the other."""
+    with Trace(worker_thread(daemon), file) as trace:
+        requests = [trace.calls_for(lambda: carry(session, 1)) for _ in range(TRACED_REQUESTS)]
+    return Counter(call.name for call in sorted(requests, key=len)[TRACED_REQUESTS // 2])
+
+
 def measure(scratch):
+    """The figures, and the system calls by name."""
     authority = Authority(scratch / "authority")
     figures = stripped_size()
     with Router(authority) as router, WebServer() as web, \
@@ -97,13 +115,22 @@ def measure(scratch):
         figures += work_at_rest(daemon)
         figures += work_for_requests(daemon, session)
         peak = daemon.peak_resident_kib() * 1024 / 1e6
+        calls = calls_of_a_request(daemon, session, scratch / "calls")
         daemon.finish()
-    return [*figures, Figure("peak resident memory", peak, "MB")]
+    return [*figures, Figure("peak resident memory", peak, "MB"),
+            Figure("system calls of a relayed request", sum(calls.values()), "", 28)], calls
+
+
+def print_calls(calls):
+    print("\nsystem calls of a relayed request, by name:")
+    for name, count in calls.most_common():
+        print(f"{name:40} {count:6d}")
 
 
 def read_arguments():
     arguments = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     arguments.add_argument("--json", help="also write the figures to this file")
+    arguments.add_argument("--calls", action="store_true", help="list system calls by name")
     options = arguments.parse_args()
     if build() != "plain":
         sys.exit(f"{program(DAEMON)} is built or run for checking; its cost says nothing")
@@ -112,8 +139,10 @@ def read_arguments():
 
 def main():
     options = read_arguments()
-    figures = measure(prepare().scratch)
+    figures, calls = measure(prepare().scratch)
     print_figures(figures)
+    if options.calls:
+        print_calls(calls)
     line = json.dumps(by_name(figures))
     print(line)
     if options.json:
