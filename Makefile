@@ -50,12 +50,13 @@ programs: setup $(BUILD)/build.ninja
 demo: programs ## relay a page of a real web server on this machine (ONCE=1: end after the page)
 	@CRC_BIN=$(CURDIR)/$(BUILD)/bin $(PYTHON) demo/demo.py $(if $(ONCE),--once)
 
-bench: setup-checks build ## measure: the whole chain beside other tunnels, the relay, the bus, the daemon
+bench: setup-checks build ## measure all; AGAINST=PROGRAM: in turns with another build of the daemon, too
 	@export CRC_BIN=$(CURDIR)/$(BUILD)/bin; \
 	$(PYTHON) bench/chain.py --json $(BUILD)/chain.json && \
 	$(PYTHON) bench/relay_bench.py --json $(BUILD)/relay.json && \
 	$(BUILD)/bin/bus_bench && \
-	$(PYTHON) bench/daemon_bench.py --json $(BUILD)/daemon.json
+	$(PYTHON) bench/daemon_bench.py --json $(BUILD)/daemon.json \
+		$(if $(AGAINST),--against '$(AGAINST)')
 
 format: setup-checks ## format the sources
 	@clang-format-14 -i $(SOURCES)

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """What the daemon costs: its size, its memory, and its work at rest and for relayed requests.
 
-    CRC_BIN=build/release/bin bench/daemon_bench.py [--json FILE] [--calls]
+    CRC_BIN=build/release/bin bench/daemon_bench.py [--json FILE] [--calls] [--against PROGRAM]
 
 Prints a table and one line of JSON. Exit status 1 when a target is missed. Run it on a quiet
 machine: the relay and the web server, played by this script, share it with the daemon.
@@ -9,7 +9,8 @@ machine: the relay and the web server, played by this script, share it with the 
 Memory is that of an idle session. Resident memory counts every page that is mapped, proportional
 memory shares a page among the processes that map it, and private dirty memory is what only this
 process holds and the kernel cannot drop. System calls are those of the worker thread, by strace,
-from a request's arrival to the wait for the next one; --calls lists them by name.
+from a request's arrival to the wait for the next one; --calls lists them by name. --against
+measures another build of the daemon too, in turns with this one (see against.py).
 """
 
 import argparse
@@ -32,6 +33,7 @@ from relay_peer import RELAY_REQUEST, Relay  # noqa: E402
 from router import Router, prepare  # noqa: E402
 from web_peer import WebServer  # noqa: E402
 
+import against  # noqa: E402
 from figures import Figure, any_missed, by_name, print_figures  # noqa: E402
 from system_calls import Trace  # noqa: E402
 
@@ -131,7 +133,11 @@ def read_arguments():
     arguments = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     arguments.add_argument("--json", help="also write the figures to this file")
     arguments.add_argument("--calls", action="store_true", help="list system calls by name")
+    arguments.add_argument("--against", metavar="PROGRAM", type=lambda path: Path(path).resolve(),
+                           help="another cloud_relay_client to measure in turns with this one")
     options = arguments.parse_args()
+    if options.against and not options.against.is_file():
+        arguments.error(f"--against: {options.against} is not a file")
     if build() != "plain":
         sys.exit(f"{program(DAEMON)} is built or run for checking; its cost says nothing")
     return options
@@ -139,11 +145,20 @@ def read_arguments():
 
 def main():
     options = read_arguments()
-    figures, calls = measure(prepare().scratch)
+    scratch = prepare().scratch
+    figures, calls = measure(scratch)
     print_figures(figures)
     if options.calls:
         print_calls(calls)
-    line = json.dumps(by_name(figures))
+    result = by_name(figures)
+    if options.against:
+        pairs = against.compare(scratch, options.against)
+        against.print_pairs(pairs, options.against)
+        ratios = against.figures_of(pairs)
+        print_figures(ratios)
+        figures += ratios
+        result["against"] = by_name(ratios)
+    line = json.dumps(result)
     print(line)
     if options.json:
         Path(options.json).write_text(line + "\n")

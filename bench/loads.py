@@ -2,10 +2,15 @@
 
 import json
 import re
+import socket
 import statistics
 import subprocess
 import tempfile
+import time
 from pathlib import Path
+
+MIB = 1024 * 1024
+_PATIENCE_S = 20
 
 _REPORT = """
 done = function(summary, latency, requests)
@@ -71,6 +76,24 @@ def download(url, host, size, times=3):
         assert code == "200" and int(got) == size, f"{url}: {output}"
         rates.append(size / 1e6 / float(seconds))
     return statistics.median(rates)
+
+
+def fetch(port, page, host, size, count):
+    """`count` requests on this machine, one after the other, a new connection for each; seconds.
+    For loads that are too short for wrk."""
+    request = f"GET /{page} HTTP/1.1\r\nHost: {host}\r\nConnection: close\r\n\r\n".encode()
+    buffer = bytearray(MIB)
+    started = time.monotonic()
+    for _ in range(count):
+        with socket.create_connection(("127.0.0.1", port), _PATIENCE_S) as connection:
+            connection.sendall(request)
+            head = connection.recv(MIB)
+            got = len(head)
+            while more := connection.recv_into(buffer):
+                got += more
+        body = got - (head.find(b"\r\n\r\n") + 4)
+        assert head.startswith(b"HTTP/1.1 200 ") and body == size, f"{page}: {body} bytes, {head}"
+    return time.monotonic() - started
 
 
 def fetch_status(url, host):

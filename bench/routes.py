@@ -58,6 +58,12 @@ class Nginx:
     def stop(self):
         self.process.stop()
 
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.stop()
+
 
 class Direct:
     name = "nginx direct"
