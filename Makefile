@@ -51,12 +51,13 @@ demo: programs ## relay a page of a real web server on this machine (ONCE=1: end
 	@CRC_BIN=$(CURDIR)/$(BUILD)/bin $(PYTHON) demo/demo.py $(if $(ONCE),--once)
 
 bench: setup-checks build ## measure all; AGAINST=PROGRAM: in turns with another build of the daemon, too
-	@export CRC_BIN=$(CURDIR)/$(BUILD)/bin; \
-	$(PYTHON) bench/chain.py --json $(BUILD)/chain.json && \
-	$(PYTHON) bench/relay_bench.py --json $(BUILD)/relay.json && \
-	$(BUILD)/bin/bus_bench && \
+	@export CRC_BIN=$(CURDIR)/$(BUILD)/bin; status=0; \
+	$(PYTHON) bench/chain.py --json $(BUILD)/chain.json || status=1; \
+	$(PYTHON) bench/relay_bench.py --json $(BUILD)/relay.json || status=1; \
+	$(BUILD)/bin/bus_bench || status=1; \
 	$(PYTHON) bench/daemon_bench.py --json $(BUILD)/daemon.json \
-		$(if $(AGAINST),--against '$(AGAINST)')
+		$(if $(AGAINST),--against '$(AGAINST)') || status=1; \
+	exit $$status
 
 format: setup-checks ## format the sources
 	@clang-format-14 -i $(SOURCES)
