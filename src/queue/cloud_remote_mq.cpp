@@ -165,6 +165,9 @@ int _cloud_remote_mq_request_send_to_web_server(cloud_cycle_t* cycle,
         LOG_ERROR("[CRC:] malloc error");
         return CLOUD_NO_MEMORY;
     }
+    if (pRemoteMqNode->reqDataLen > CRC_DATA_BUF_SIZE) {
+        web_server_bound_send_buffer(pRemoteMqNode->webSvrSockfd);
+    }
     int result = CLOUD_OK;
     {
         mutex_guard guard(&cycle->cloudSocket->mutex);

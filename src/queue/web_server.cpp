@@ -14,6 +14,8 @@
 
 namespace {
 
+constexpr int SEND_BUFFER_SIZE = 64 * 1024; // half a second of a web server that takes 130 KB/s
+
 // Waits until the socket is ready. False with errno when the wait is over first.
 bool _wait(int fd, short events, int64_t patience) {
     int64_t deadline = cloud_now_ms() + patience;
@@ -63,6 +65,10 @@ int web_server_connect(int fd, uint16_t port, int64_t patience) {
     }
     errno = socket_error(fd);
     return errno == 0 ? 0 : -1;
+}
+
+void web_server_bound_send_buffer(int fd) {
+    setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &SEND_BUFFER_SIZE, sizeof SEND_BUFFER_SIZE);
 }
 
 int web_server_send(int fd, const uint8_t* bytes, size_t size, int64_t patience) {

@@ -19,6 +19,10 @@ int web_server_open();
 // fd_set can hold.
 int web_server_connect(int fd, uint16_t port, int64_t patience);
 
+// Keeps the kernel from taking in megabytes of a body that the web server has not read: a body that
+// was sent is then nearly delivered, and the wait for its answer begins in time.
+void web_server_bound_send_buffer(int fd);
+
 // Sends all of the `size` bytes, for as long as the web server takes some of them in time. Returns
 // 0 or -1.
 int web_server_send(int fd, const uint8_t* bytes, size_t size, int64_t patience);
