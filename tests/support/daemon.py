@@ -273,10 +273,17 @@ class Daemon:
 
     def unsent_bytes(self):
         """Bytes that its TCP connections have not got rid of."""
+        return sum(int(queues[0], 16) for queues in self._tcp_queues())
+
+    def unread_bytes(self):
+        """Bytes on its TCP connections that it has not read."""
+        return sum(int(queues[1], 16) for queues in self._tcp_queues())
+
+    def _tcp_queues(self):
         inodes = {what[len("socket:["):-1] for what in self.descriptors().values()
                   if what.startswith("socket:[")}
         rows = [row.split() for row in self._proc("net/tcp").read_text().splitlines()[1:]]
-        return sum(int(row[4].split(":")[0], 16) for row in rows if row[9] in inodes)
+        return [row[4].split(":") for row in rows if row[9] in inodes]
 
     def cpu_seconds(self):
         """Processor time of all its threads, from the scheduler's nanoseconds."""

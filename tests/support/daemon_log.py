@@ -56,6 +56,8 @@ class Log:
         self._next_expected = 0
         self._ended = False
         self._closing = os.eventfd(0)
+        self._may_read = threading.Event()
+        self._may_read.set()
         self.writes = []         # bytes of each read; each write, when the descriptor keeps them
         self._reader = threading.Thread(target=self._read, daemon=True)
         self._reader.start()
@@ -70,6 +72,7 @@ class Log:
 
     def _next_bytes(self):
         """Waits for more; nothing when the writers are gone or the log is being closed."""
+        self._may_read.wait()
         ready, _, _ = select.select([self._descriptor, self._closing], [], [])
         if self._closing in ready:
             return b""
@@ -183,6 +186,13 @@ class Log:
             if not self._ended:  # then the reader still holds its descriptors
                 os.eventfd_write(self._closing, 1)
         self._reader.join(PATIENCE_S)
+
+    def stop_reading(self):
+        """Leaves what comes from now on unread, after one read more."""
+        self._may_read.clear()
+
+    def go_on_reading(self):
+        self._may_read.set()
 
     def wait_for_end(self, within=PATIENCE_S):
         """Waits until all writers are gone and everything has been read."""

@@ -22,6 +22,7 @@ CONFIGURATION = Path("/etc/config")
 ROOT_CERTIFICATE = Path("/etc/cloud-sdk/velmora-root-CA.pem")
 TOKEN_SCRIPT = Path("/usr/lib/lua/cloud_relay_client/cloud_relay_client_helper.lua")
 CONSOLE = Path("/dev/console")
+STAGED_CHANGES = Path("/tmp/.uci")
 
 DEVICE_INFO = """
 config info 'info'
@@ -38,6 +39,9 @@ def prepare(private_network=True):
     places.shadow("/usr/lib", {"lua"})
     for folder in (CONFIGURATION, ROOT_CERTIFICATE.parent, TOKEN_SCRIPT.parent):
         folder.mkdir(parents=True)
+    STAGED_CHANGES.mkdir(exist_ok=True)
+    (places.scratch / "staged").mkdir()
+    namespaces.bind(places.scratch / "staged", STAGED_CHANGES)
     Path("/etc/nsswitch.conf").write_text("hosts: files\n")
     Path("/etc/host.conf").write_text("multi on\n")
     Path("/etc/hosts").write_text("127.0.0.1 localhost\n")
@@ -83,7 +87,8 @@ class Router:
     def __init__(self, authority):
         self.identity = Identity()
         self.bus = None
-        for folder in (CONFIGURATION, ROOT_CERTIFICATE.parent, TOKEN_SCRIPT.parent):
+        for folder in (CONFIGURATION, STAGED_CHANGES, ROOT_CERTIFICATE.parent,
+                       TOKEN_SCRIPT.parent):
             for entry in folder.iterdir():
                 entry.unlink()
         self.configure("device_info", DEVICE_INFO)
@@ -97,6 +102,15 @@ class Router:
 
     def unconfigure(self, package):
         (CONFIGURATION / package).unlink()
+
+    def stage(self, package, change):
+        """Stages a change of a UCI file, as `uci set` does; `uci commit` would follow."""
+        with open(STAGED_CHANGES / package, "a") as staged:
+            staged.write(change + "\n")
+
+    def unstage(self, package):
+        """Takes all staged changes of a UCI file back, as `uci revert` does."""
+        (STAGED_CHANGES / package).unlink()
 
     def set_web_port(self, value):
         """Writes the option that says where the web server listens."""

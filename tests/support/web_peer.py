@@ -84,6 +84,10 @@ class WebServer:
         self._exchanges = []
         self._failures = []
 
+    def limit_receive_buffers(self, size):
+        """Bounds what the kernel takes in unread on connections that come from now on."""
+        self._listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, size)
+
     def accept(self, within=PATIENCE_S):
         """The daemon's next connection."""
         self._listener.settimeout(within)

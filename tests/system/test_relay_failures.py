@@ -5,7 +5,7 @@ import time
 import pytest
 
 from daemon import slowness
-from exchanges import REQUEST, carry, send_request, some_bytes
+from exchanges import REQUEST, carry, send_request, some_bytes, wait_until_stuck
 from processes import wait_until
 from relay_peer import RELAY_REQUEST, WEB_TOKEN, Relay, header, refusing_port
 from web_peer import WebServer
@@ -17,15 +17,6 @@ def expect_unanswered_then_served(session, web, seconds):
     """Nothing comes for that long; then the next request is served as ever."""
     session.expect_silence(seconds)
     carry(session, web, 0x0777)
-
-
-def wait_until_stuck(daemon):
-    """Waits until the worker has nowhere to write to: all buffers up to the relay are full."""
-    def is_full():
-        seen = daemon.unsent_bytes()
-        time.sleep(0.2)
-        return seen > 0 and daemon.unsent_bytes() == seen
-    wait_until(is_full, "the daemon's connection to the relay is full")
 
 
 # --- web servers that fail ---
