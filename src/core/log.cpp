@@ -3,11 +3,14 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <initializer_list>
+#include <iterator>
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -23,12 +26,15 @@
 namespace {
 
 constexpr char MODULE_NAME[] = "cloud_relay_client";
-constexpr char ERROR_PREFIX[] = "\033[31;49m[<%s/%s>:<%s/%s()/%d>]";
-constexpr char INFO_PREFIX[] = "\033[33;49m[<%s/%s>:<%s/%s()/%d>]";
+constexpr char ERROR_COLOR[] = "\033[31;49m";
+constexpr char INFO_COLOR[] = "\033[33;49m";
+// What the prefix takes of the 255 characters that bound a line's template.
+constexpr size_t PREFIX_SIZE = sizeof "\033[31;49m[<%s/%s>:<%s/%s()/%d>] " - 1;
 constexpr char SUFFIX[] = "\033[0m\r\n";
 constexpr size_t FORMAT_SIZE = 256;
 constexpr size_t THREAD_NAME_SIZE = 16; // the kernel's own limit, terminator included
-constexpr size_t LINE_SIZE = 512;       // on the stack; longer lines take the heap
+constexpr size_t LINE_NUMBER_SIZE = 12;
+constexpr size_t LINE_SIZE = 512; // on the stack; longer lines take the heap
 constexpr int OUTPUT_PATIENCE_MS = 1000;
 // What a blocking pipe or terminal takes without blocking once it is reported writable.
 constexpr size_t CAREFUL_PIECE = 512;
@@ -92,17 +98,30 @@ size_t _write_all(const char* text, size_t length) {
 }
 
 struct message_place {
-    const char* prefix;
+    const char* color;
     const char* function;
     int line;
 };
 
+size_t _append(char* out, size_t size, size_t used, const char* text) {
+    size_t length = strlen(text);
+    if (used < size) {
+        memcpy(out + used, text, std::min(length, size - used));
+    }
+    return used + length;
+}
+
 // Formats the whole line as snprintf does: returns its length, writes at most `size` bytes.
 size_t _format_line(char* out, size_t size, const message_place& place, const char* format,
                     va_list arguments) {
-    int head = snprintf(out, size, place.prefix, MODULE_NAME, _thread_name(), MODULE_NAME,
-                        place.function, place.line);
-    size_t used = head < 0 ? 0 : static_cast<size_t>(head);
+    char number[LINE_NUMBER_SIZE] = {};
+    std::to_chars(number, std::end(number) - 1, place.line);
+    size_t used = 0;
+    for (const char* piece : std::initializer_list<const char*>{
+             place.color, "[<", MODULE_NAME, "/", _thread_name(), ">:<", MODULE_NAME, "/",
+             place.function, "()/", number, ">] "}) {
+        used = _append(out, size, used, piece);
+    }
     size_t room = used < size ? size - used : 0;
     int tail = vsnprintf(room > 0 ? out + used : nullptr, room, format, arguments);
     return used + (tail < 0 ? 0 : static_cast<size_t>(tail));
@@ -152,21 +171,21 @@ void cloud_print(const char* text, size_t length) {
 
 void cloud_log(log_level level, const char* function, int line, const char* message, ...) {
     int error = errno;
-    message_place place = {level == log_level::error ? ERROR_PREFIX : INFO_PREFIX, function, line};
-    char format[FORMAT_SIZE] = {};
-    int prefix = snprintf(format, sizeof format, "%s", place.prefix);
-    snprintf(format + prefix, sizeof format - static_cast<size_t>(prefix), " %s%s", message,
-             SUFFIX);
+    message_place place = {level == log_level::error ? ERROR_COLOR : INFO_COLOR, function, line};
+    char format[FORMAT_SIZE - PREFIX_SIZE];
+    size_t formatted = _append(format, sizeof format, 0, message);
+    formatted = _append(format, sizeof format, formatted, SUFFIX);
+    format[std::min(formatted, sizeof format - 1)] = '\0';
 
     char text[LINE_SIZE];
     va_list arguments;
     va_start(arguments, message);
-    size_t length = _format_line(text, sizeof text, place, format + prefix, arguments);
+    size_t length = _format_line(text, sizeof text, place, format, arguments);
     va_end(arguments);
     char* whole = length < sizeof text ? nullptr : static_cast<char*>(malloc(length + 1));
     if (whole != nullptr) {
         va_start(arguments, message);
-        length = _format_line(whole, length + 1, place, format + prefix, arguments);
+        length = _format_line(whole, length + 1, place, format, arguments);
         va_end(arguments);
         cloud_print(whole, length);
         free(whole);

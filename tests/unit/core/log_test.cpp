@@ -27,9 +27,9 @@ const size_t LONGEST_WHOLE_MESSAGE = TEMPLATE_LIMIT - TEMPLATE_PREFIX.size() - R
 struct thread_name {
     explicit thread_name(const char* name) {
         prctl(PR_GET_NAME, former);
-        prctl(PR_SET_NAME, name);
+        cloud_name_thread(name);
     }
-    ~thread_name() { prctl(PR_SET_NAME, former); }
+    ~thread_name() { cloud_name_thread(former); }
     char former[16];
 };
 
