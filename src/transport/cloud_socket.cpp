@@ -36,6 +36,13 @@ constexpr int TLS_ZERO_RETURN = 6; // the peer closed TLS
 constexpr int TLS_SUCCESS = 1;
 constexpr int TLS_VERIFY_PEER = 1;
 
+// What reading on TLS's behalf may end in.
+constexpr int TLS_IO_ERROR = -1;
+constexpr int TLS_IO_WANT_READ = -2;
+constexpr int TLS_IO_RESET = -3;
+constexpr int TLS_IO_INTERRUPTED = -4;
+constexpr int TLS_IO_CLOSED = -5;
+
 constexpr int TLS_CONNECT_BUDGET_FACTOR = 7;
 constexpr useconds_t READ_RETRY_US = 20 * 1000;
 constexpr useconds_t WRITE_RETRY_US = 1000;
@@ -87,6 +94,43 @@ void _tls_library_set_up() {
     CyaSSL_load_error_strings();
 }
 
+int _read_error() {
+    switch (errno) {
+    case EAGAIN:
+        return TLS_IO_WANT_READ;
+    case EINTR:
+        return TLS_IO_INTERRUPTED;
+    case ECONNRESET:
+        return TLS_IO_RESET;
+    default:
+        return TLS_IO_ERROR;
+    }
+}
+
+// Gives TLS up to `size` bytes of what came. A request for few bytes, a record's header, reads on
+// what may be the rest of the record.
+int _read_encrypted(WOLFSSL* /*session*/, char* buffer, int size, void* context) {
+    cloud_socket_t* socket = static_cast<cloud_socket_t*>(context);
+    read_ahead_t* ahead = &socket->ahead;
+    if (ahead->begin == ahead->end) {
+        bool isSmall = size < read_ahead_t::SIZE;
+        size_t wanted = static_cast<size_t>(isSmall ? read_ahead_t::SIZE : size);
+        ssize_t count = recv(socket->sockfd, isSmall ? ahead->bytes : buffer, wanted, 0);
+        if (count <= 0) {
+            return count == 0 ? TLS_IO_CLOSED : _read_error();
+        }
+        if (!isSmall) {
+            return static_cast<int>(count);
+        }
+        ahead->begin = 0;
+        ahead->end = static_cast<int>(count);
+    }
+    int count = std::min(size, ahead->end - ahead->begin);
+    memcpy(buffer, ahead->bytes + ahead->begin, static_cast<size_t>(count));
+    ahead->begin += count;
+    return count;
+}
+
 int _tls_set_up(cloud_socket_t* cloudSocket) {
     _tls_library_set_up();
     CYASSL_CTX* context = CyaSSL_CTX_new(CyaSSLv23_client_method());
@@ -103,6 +147,7 @@ int _tls_set_up(cloud_socket_t* cloudSocket) {
         LOG_ERROR_AS(CONNECT, "[CRC:] load cer file error, result:%d", loaded);
     }
     CyaSSL_CTX_set_verify(context, TLS_VERIFY_PEER, nullptr);
+    CyaSSL_SetIORecv(context, _read_encrypted);
 
     CYASSL* session = CyaSSL_new(context);
     if (session == nullptr) {
@@ -114,6 +159,8 @@ int _tls_set_up(cloud_socket_t* cloudSocket) {
         LOG_ERROR_AS(CONNECT, "[CRC:] set ssl fd error");
         return -1;
     }
+    cloudSocket->ahead.begin = cloudSocket->ahead.end = 0;
+    CyaSSL_SetIOReadCtx(session, cloudSocket);
     // A relay that vanishes in the middle of a write must not end the process with SIGPIPE.
     CyaSSL_SetIOWriteFlags(session, MSG_NOSIGNAL);
     return 0;
@@ -336,7 +383,7 @@ int cloud_socket_recv_buf(cloud_socket_t* socket, void* buf, size_t length, int6
 }
 
 bool cloud_socket_has_buffered_data(const cloud_socket_t* socket) {
-    return CyaSSL_pending(socket->SSL) > 0;
+    return socket->ahead.begin < socket->ahead.end || CyaSSL_pending(socket->SSL) > 0;
 }
 
 tls_data cloud_socket_look(cloud_socket_t* socket) {

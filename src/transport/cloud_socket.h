@@ -22,6 +22,16 @@ struct sockaddr_in;
 constexpr int CLOUD_SOCKET_DISCONNECTED = 0;
 constexpr int CLOUD_SOCKET_CONNECTED = 1; // TLS is up
 
+// Bytes that came, still encrypted, ahead of what TLS asked for: a small record is then one system
+// call instead of two.
+struct read_ahead_t {
+    static constexpr int SIZE = 4096;
+
+    char bytes[SIZE];
+    int begin; // of what TLS has not taken
+    int end;
+};
+
 struct cloud_socket_t {
     pthread_mutex_t mutex; // held for one whole packet
     int32_t sockfd;        // -1 when closed
@@ -30,6 +40,7 @@ struct cloud_socket_t {
     char* cerFile;         // owned
     int32_t status;
     bool midRecord; // a write was given up in the middle of a TLS record
+    read_ahead_t ahead;
 };
 
 // A new, closed socket, or null when memory is short.
@@ -56,8 +67,8 @@ int cloud_socket_send_buf(cloud_socket_t* socket, const void* buf, size_t length
 // argument.
 int cloud_socket_recv_buf(cloud_socket_t* socket, void* buf, size_t length, int64_t timeout);
 
-// True when TLS holds decrypted bytes already, which no wait on the descriptor would report.
-// Requires a connected socket, as the next.
+// True when bytes were read already, decrypted or not, which no wait on the descriptor would
+// report. Requires a connected socket, as the next.
 bool cloud_socket_has_buffered_data(const cloud_socket_t* socket);
 
 enum class tls_data {

@@ -16,8 +16,6 @@
 
 namespace {
 
-constexpr int64_t US_PER_MS = 1000;
-
 int _select(int fd, wait_for readiness, int64_t timeout) {
     fd_set set;
     FD_ZERO(&set);

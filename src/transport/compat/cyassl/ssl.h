@@ -21,6 +21,8 @@
 #define CyaSSL_free wolfSSL_free
 #define CyaSSL_set_fd wolfSSL_set_fd
 #define CyaSSL_SetIOWriteFlags wolfSSL_SetIOWriteFlags
+#define CyaSSL_SetIORecv wolfSSL_CTX_SetIORecv
+#define CyaSSL_SetIOReadCtx wolfSSL_SetIOReadCtx
 #define CyaSSL_connect wolfSSL_connect
 #define CyaSSL_get_error wolfSSL_get_error
 #define CyaSSL_write wolfSSL_write
