@@ -9,7 +9,6 @@
 namespace {
 
 constexpr int NS_PER_MS = 1000000;
-constexpr int US_PER_MS = 1000;
 constexpr size_t TIME_TEXT_LENGTH = 23; // "YYYY-MM-DD hh:mm:ss.mmm"
 constexpr size_t WIDEST_TIME_TEXT = 96; // for seven ints of any value
 

@@ -6,6 +6,7 @@
 // 64-bit, so that setting the wall clock neither ends nor prolongs a session. Threads: any.
 
 constexpr int MS_PER_SECOND = 1000;
+constexpr int US_PER_MS = 1000;
 
 // Milliseconds since an arbitrary point, commonly the start of the system. Never goes backwards.
 int64_t cloud_now_ms();

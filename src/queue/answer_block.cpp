@@ -5,7 +5,9 @@
 #include <cstdlib>
 #include <sys/mman.h>
 #include <unistd.h>
+#include <utility>
 
+#include "core/clock.h"
 #include "core/footprint.h"
 #include "transport/packet_header.h"
 
@@ -13,13 +15,24 @@ namespace {
 
 // What an answer leaves to the rest of the router: enough for its web server to end a request.
 constexpr size_t MEMORY_RESERVE = 4 * 1024 * 1024;
+// Blocks up to the first size come from the heap; the next one is mapped, and large at once.
+constexpr size_t HEAP_BLOCK = 64 * 1024;
+constexpr size_t MAPPED_BLOCK = 1024 * 1024;
 constexpr size_t HUGE_BLOCK = 4 * 1024 * 1024; // from here on huge pages save most page faults
+
+constexpr size_t LARGEST_KEPT = 2 * 1024 * 1024;
+constexpr int64_t KEPT_MS = 200; // the session's turn: an idle session holds none
+
+answer_block_t kept = {};
+int64_t keptSince = 0;
 
 // How much larger the reservation may become: as much again, but no more than the router has left.
 size_t _next_step(size_t reserved) {
     size_t available = available_memory();
     size_t spare = available > MEMORY_RESERVE ? available - MEMORY_RESERVE : 0;
-    return std::min(reserved, spare / CRC_DATA_BUF_SIZE * CRC_DATA_BUF_SIZE);
+    bool leavesHeap = reserved >= HEAP_BLOCK && reserved < MAPPED_BLOCK;
+    size_t step = leavesHeap ? MAPPED_BLOCK - reserved : reserved;
+    return std::min(step, spare / CRC_DATA_BUF_SIZE * CRC_DATA_BUF_SIZE);
 }
 
 // For the whole mapping of the block, the allocator's own bytes included: a mapping of which only a
@@ -56,11 +69,28 @@ bool _reserve_more(answer_block_t* block) {
 } // namespace
 
 bool answer_block_init(answer_block_t* block) {
-    block->bytes.reset(static_cast<uint8_t*>(calloc(1, CRC_DATA_BUF_SIZE)));
+    *block = std::move(kept);
+    if (block->bytes == nullptr) {
+        block->bytes.reset(static_cast<uint8_t*>(calloc(1, CRC_DATA_BUF_SIZE)));
+        block->reserved = CRC_DATA_BUF_SIZE;
+    }
     block->length = PACKET_HEADER_SIZE;
     block->size = CRC_DATA_BUF_SIZE;
-    block->reserved = CRC_DATA_BUF_SIZE;
     return block->bytes != nullptr;
+}
+
+void answer_block_retire(answer_block_t* block) {
+    if (block->reserved > CRC_DATA_BUF_SIZE && block->reserved <= LARGEST_KEPT) {
+        kept = std::move(*block);
+        keptSince = cloud_now_ms();
+    }
+    block->bytes.reset();
+}
+
+void answer_block_release_kept(bool atOnce) {
+    if (kept.bytes != nullptr && (atOnce || cloud_now_ms() - keptSince >= KEPT_MS)) {
+        kept.bytes.reset();
+    }
 }
 
 uint8_t* answer_block_end(const answer_block_t& block) {

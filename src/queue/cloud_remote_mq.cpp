@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <unistd.h>
+#include <utility>
 
 #include "core/block.h"
 #include "core/clock.h"
@@ -166,7 +167,7 @@ int _cloud_remote_mq_request_send_to_web_server(cloud_cycle_t* cycle,
         return CLOUD_NO_MEMORY;
     }
     if (pRemoteMqNode->reqDataLen > CRC_DATA_BUF_SIZE) {
-        web_server_bound_send_buffer(pRemoteMqNode->webSvrSockfd);
+        web_server_expect_pieces(pRemoteMqNode->webSvrSockfd);
     }
     int result = CLOUD_OK;
     {
@@ -207,21 +208,21 @@ int _read_answer(const cloud_remote_mq_node_t* node, answer_block_t* answer) {
     }
 }
 
-int _cloud_remote_mq_response_recv(cloud_remote_mq_node_t* pNode) {
-    answer_block_t answer = {};
-    if (!answer_block_init(&answer)) {
+// Hands the bytes of `answer` over to the node.
+int _cloud_remote_mq_response_recv(cloud_remote_mq_node_t* pNode, answer_block_t* answer) {
+    if (!answer_block_init(answer)) {
         LOG_ERROR(CALL_FAILED, 1, "(NULL == (pRespPkt = malloc(CRC_DATA_BUF_SIZE)))");
         return CLOUD_NO_MEMORY;
     }
-    int result = _read_answer(pNode, &answer);
+    int result = _read_answer(pNode, answer);
     if (result != CLOUD_OK) {
         LOG_ERROR("=======HTTPD -> CRC: FAILED.");
         return result;
     }
-    pNode->respPkt = answer.bytes.release();
-    pNode->respDataLen = static_cast<uint32_t>(answer.length);
+    pNode->respPkt = answer->bytes.release();
+    pNode->respDataLen = static_cast<uint32_t>(answer->length);
     pNode->status = REMOTE_MQ_ANSWERED;
-    LOG_INFO("=======HTTPD -> CRC: %dB.", static_cast<int>(answer.length));
+    LOG_INFO("=======HTTPD -> CRC: %dB.", static_cast<int>(answer->length));
     return CLOUD_OK;
 }
 
@@ -234,15 +235,17 @@ int _cloud_remote_mq_response_send(cloud_socket_t* cloudSock, cloud_remote_mq_no
 
 int _relay_answer(cloud_socket_t* cloudSock, cloud_remote_mq_node_t* pNode) {
     constexpr char NAME[] = "cloud_remote_mq_response_handle";
-    int result = _cloud_remote_mq_response_recv(pNode);
+    answer_block_t answer = {};
+    int result = _cloud_remote_mq_response_recv(pNode, &answer);
     _close_socket(pNode);
     if (result != 0) {
         LOG_ERROR_AS(NAME, CALL_FAILED, result, "_cloud_remote_mq_response_recv(pNode)");
         return result;
     }
     result = _cloud_remote_mq_response_send(cloudSock, pNode);
-    free(pNode->respPkt); // sent or not, once: its memory does not wait for the node's removal
-    pNode->respPkt = nullptr;
+    // Sent or not, once: its memory does not wait for the node's removal.
+    answer.bytes.reset(std::exchange(pNode->respPkt, nullptr));
+    answer_block_retire(&answer);
     if (result != 0) {
         LOG_ERROR_AS(NAME, CALL_FAILED, result, "_cloud_remote_mq_response_send(cloudSock, pNode)");
     }
@@ -384,6 +387,7 @@ int cloud_remote_mq_response_handle(const fd_set* pfdset, cloud_socket_t* cloudS
 void cloud_remote_mq_remove() {
     ENSURE(NULL != pCloudRemoteMq, );
     mutex_guard guard(&gRemoteMqLock);
+    answer_block_release_kept(false);
     if (_is_empty()) {
         return;
     }
@@ -395,6 +399,7 @@ void cloud_remote_mq_remove() {
 void cloud_remote_mq_clear() {
     ENSURE(NULL != pCloudRemoteMq, );
     mutex_guard guard(&gRemoteMqLock);
+    answer_block_release_kept(true);
     if (_is_empty()) {
         LOG_INFO("[CRC:] The remote requests list is empty.");
         return;

@@ -30,7 +30,7 @@ struct cloud_remote_mq_node_t {
     uint32_t reqDataLen;  // body bytes of the request
     uint32_t respDataLen; // bytes of the answer packet, header included
     uint8_t* reqHdr;      // owned: the request's 12-byte header and a zero byte
-    uint8_t* respPkt;     // owned: header, then the web server's bytes
+    uint8_t* respPkt;     // owned: header, then the web server's bytes; only while it is being sent
     cloud_remote_mq_node_t* next;
     pthread_t worker; // whose node this is
 };

@@ -41,10 +41,12 @@ bool _would_block() {
 
 } // namespace
 
+// Blocking, for the connect's sake: on the local host it takes microseconds, and waiting for it in
+// the same call costs less than waiting with poll. Bounded as every wait.
 int web_server_open() {
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    int on = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    timeval limit = {0, LOOK_MS * US_PER_MS};
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     return fd;
 }
 
@@ -67,13 +69,15 @@ int web_server_connect(int fd, uint16_t port, int64_t patience) {
     return errno == 0 ? 0 : -1;
 }
 
-void web_server_bound_send_buffer(int fd) {
+void web_server_expect_pieces(int fd) {
+    int on = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &SEND_BUFFER_SIZE, sizeof SEND_BUFFER_SIZE);
 }
 
 int web_server_send(int fd, const uint8_t* bytes, size_t size, int64_t patience) {
     while (size > 0) {
-        ssize_t count = send(fd, bytes, size, MSG_NOSIGNAL);
+        ssize_t count = send(fd, bytes, size, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (count >= 0) {
             bytes += count;
             size -= static_cast<size_t>(count);
@@ -86,7 +90,7 @@ int web_server_send(int fd, const uint8_t* bytes, size_t size, int64_t patience)
 
 ssize_t web_server_recv(int fd, uint8_t* buffer, size_t size, int64_t patience) {
     for (;;) {
-        ssize_t count = recv(fd, buffer, size, 0);
+        ssize_t count = recv(fd, buffer, size, MSG_DONTWAIT);
         if (count >= 0 || !_would_block() || !_wait(fd, POLLIN, patience)) {
             return count;
         }

@@ -12,16 +12,17 @@
 // Owner of a socket: whoever opened it. Threads: any, one at a time for one socket. All functions
 // fail with -1 and errno: ETIMEDOUT past the limit, ECANCELED when the session is to end.
 
-// Opens a socket that never blocks. Returns it, or -1.
+// Opens a socket, of which no call here waits for longer than it says. Returns it, or -1.
 int web_server_open();
 
 // Connects it to the web server at that port. Returns 0 or -1; EMFILE for a descriptor that no
 // fd_set can hold.
 int web_server_connect(int fd, uint16_t port, int64_t patience);
 
-// Keeps the kernel from taking in megabytes of a body that the web server has not read: a body that
-// was sent is then nearly delivered, and the wait for its answer begins in time.
-void web_server_bound_send_buffer(int fd);
+// For a body that is sent in several pieces: none of them waits for the one before to be
+// acknowledged, and the kernel does not take in megabytes that the web server has not read. A body
+// that was sent is then nearly delivered, and the wait for its answer begins in time.
+void web_server_expect_pieces(int fd);
 
 // Sends all of the `size` bytes, for as long as the web server takes some of them in time. Returns
 // 0 or -1.

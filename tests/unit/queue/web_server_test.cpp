@@ -44,9 +44,12 @@ protected:
     int fd = -1;
 };
 
-TEST_F(web_server, is_spoken_to_without_blocking_or_delay_and_not_by_child_processes) {
-    EXPECT_TRUE((fcntl(fd, F_GETFL) & O_NONBLOCK) != 0);
+TEST_F(web_server, is_not_spoken_to_by_child_processes) {
     EXPECT_TRUE((fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0);
+}
+
+TEST_F(web_server, gets_the_pieces_of_a_body_without_delay) {
+    web_server_expect_pieces(fd);
     int on = 0;
     socklen_t size = sizeof on;
     EXPECT_EQ(getsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, &size), 0);
@@ -167,6 +170,7 @@ TEST_F(web_server, whose_waits_fail_for_good_is_given_up_at_once) {
 }
 
 TEST_F(web_server, of_which_the_system_cannot_tell_whether_it_is_connected_is_not) {
+    fcntl(fd, F_SETFL, O_NONBLOCK); // as when connecting takes longer than one look
     fail_call noOption("getsockopt");
     EXPECT_EQ(connect_to(web.port()), -1);
     EXPECT_EQ(errno, ENOBUFS);
