@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 
 #include <memory>
+#include <thread>
 #include <vector>
 
 namespace relay {
@@ -152,10 +153,34 @@ TEST_F(DeadlineTest, IsNotSweptAfterStop) {
     sweep();
     one->set(0s);
     deadlines_.stop();
-    coroutines_.settle();
     const int before = sweeps_;
-    coroutines_.settle();
+    // Sweeps of another list, begun later at the same interval: the next one here was due earlier.
+    Deadlines others{coroutines_.executor()};
+    int other_sweeps = 0;
+    others.start([&] { ++other_sweeps; });
+    coroutines_.run_until([&] { return other_sweeps == 2; });
+    others.stop();
     EXPECT_EQ(sweeps_, before);
+    EXPECT_THAT(passed_, IsEmpty());
+}
+
+TEST_F(DeadlineTest, IsNotSweptWhenAnEarlierCallOfTheSameTurnStops) {
+    Timer earlier(coroutines_.executor());
+    bool is_stopped = false;
+    earlier.expires_after(0s);
+    earlier.async_wait([&](error_code) {
+        deadlines_.stop();
+        is_stopped = true;
+    });
+    const auto one = deadline(1);
+    one->set(0s);
+    // Both timers are due before either is looked at, so that both calls are ready together.
+    const auto due = Clock::now() + 500ms;
+    while (Clock::now() < due)
+        std::this_thread::sleep_until(due);
+    coroutines_.run_until([&] { return is_stopped; });
+    coroutines_.settle();
+    EXPECT_EQ(sweeps_, 0);
     EXPECT_THAT(passed_, IsEmpty());
 }
 
