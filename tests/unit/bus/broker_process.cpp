@@ -63,7 +63,7 @@ void BrokerProcess::start() {
 int BrokerProcess::end_with(int signal) {
     ::kill(m_pid, signal);
     int status = 0;
-    waitpid(m_pid, &status, 0);
+    EXPECT_EQ(waitpid(m_pid, &status, 0), m_pid);
     m_pid = -1;
     return status;
 }
@@ -74,7 +74,9 @@ void BrokerProcess::stop() {
 }
 
 void BrokerProcess::kill() {
-    end_with(SIGKILL);
+    const int status = end_with(SIGKILL);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL)
+        << "the broker had ended before, wait status " << status;
 }
 
 bool BrokerProcess::ends_at_once_when_asked_before() {

@@ -85,7 +85,7 @@ int silent(ubus_context* ctx, ubus_object*, ubus_request_data* req, const char*,
 }
 
 int die(ubus_context*, ubus_object*, ubus_request_data*, const char*, blob_attr*) {
-    _exit(1);
+    _exit(EXIT_SUCCESS);
 }
 
 int interrupt(ubus_context* ctx, ubus_object* obj, ubus_request_data* req, const char* method,
@@ -135,7 +135,11 @@ ServiceProcess::ServiceProcess(const char* socket,
 void ServiceProcess::kill() {
     if (m_pid > 0) {
         ::kill(m_pid, SIGKILL);
-        waitpid(m_pid, nullptr, 0);
+        int status = 0;
+        EXPECT_EQ(waitpid(m_pid, &status, 0), m_pid);
+        const bool is_killed = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+        EXPECT_TRUE(is_killed || (WIFEXITED(status) && WEXITSTATUS(status) == EXIT_SUCCESS))
+            << "the service had failed before, wait status " << status;
         m_pid = -1;
     }
 }

@@ -30,6 +30,7 @@ inline bool has_ended(pid_t process, int* status) {
 }
 
 // A process that runs `body` and exits with its result; killed at its end, and with this process.
+// Either exit_code() is asked for, or it must still run when it is killed.
 class forked {
 public:
     explicit forked(const std::function<int()>& body) {
@@ -46,7 +47,10 @@ public:
     ~forked() {
         if (process > 0) {
             ::kill(process, SIGKILL);
-            waitpid(process, nullptr, 0);
+            int status = 0;
+            EXPECT_EQ(waitpid(process, &status, 0), process);
+            EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL)
+                << "it had ended before, wait status " << status;
         }
     }
     forked(const forked&) = delete;
