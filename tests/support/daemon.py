@@ -98,7 +98,7 @@ class Daemon:
         else:
             ours, theirs = os.pipe()
         folder = Path(program(DAEMON)).parent
-        with open(self._folder / "stderr", "wb") as errors:
+        with open(self._folder / "stderr", "ab") as errors:
             self._process = subprocess.Popen(
                 [*self._wrappers(uptime_s), *self._command()], stdin=subprocess.DEVNULL,
                 stdout=theirs, stderr=errors, cwd="/", env={
@@ -158,12 +158,17 @@ class Daemon:
             if build() == "valgrind":
                 self._check_with_valgrind()
         finally:
-            self.kill()
+            self._end()
             self._assert_clean()
             shutil.rmtree(self._folder)
 
     def kill(self):
         self._process.kill()
+        """Ends the daemon as a crash would; start() starts another. It must still run."""
+        assert self.alive, f"the daemon has ended with {self._process.returncode}:\n{self.errors}"
+        self._end()
+
+    def _end(self):
         self._process.wait()
         if self.log is not None:  # an interrupted start() has none yet
             self.log.wait_for_end()
@@ -189,7 +194,7 @@ class Daemon:
 
     @property
     def errors(self):
-        """What the daemon has written to standard error."""
+        """What the daemon has written to standard error, over all its starts."""
         return (self._folder / "stderr").read_text(errors="backslashreplace")
 
     # --- verbs on the bus ---

@@ -119,13 +119,20 @@ class Output:
 
 
 class Process:
-    """A running program. Use it as a context manager, or call stop() or kill() in the end."""
+    """A running program. Use it as a context manager, or call wait(), stop() or kill() in the end.
+
+    However it ends, its standard error must hold no sanitizer report, and it may die of no signal
+    but one that the test sent with send_signal(), stop() or kill(). As a context manager it must end
+    with status 0, unless the test has asked for its status with wait() or stop().
+    """
 
     def __init__(self, *arguments, environment=None, directory=None, user=None,
                  stdin=subprocess.DEVNULL):
         """`user`: a uid to run as (its groups are dropped), for tests that run as root."""
         identity = {} if user is None else {"user": user, "group": user, "extra_groups": []}
         self.arguments = [str(argument) for argument in arguments]
+        self.is_finished = False  # whether its end has been looked at
+        self._signals_sent = set()
         self._popen = subprocess.Popen(
             self.arguments, stdin=stdin, stdout=subprocess.PIPE,
             stderr=subprocess.PIPE, env=environment_of(environment), cwd=directory, **identity)
@@ -138,43 +145,69 @@ class Process:
         """Exit status, the negative signal number after a death by signal, None while it runs."""
         return self._popen.poll()
 
+    def send_signal(self, number):
+        self._signals_sent.add(number)
+        self._popen.send_signal(number)
+
     def wait(self, timeout_s=PATIENCE_S):
         """Waits for the program to end by itself and returns its exit status."""
         try:
             self._popen.wait(timeout_s)
         except subprocess.TimeoutExpired:
-            self.kill()
+            self.put_away()
             raise AssertionError(f"{self.arguments} did not end within {timeout_s} s") from None
         self._finish()
         return self._popen.returncode
 
     def stop(self, number=signal.SIGTERM, timeout_s=PATIENCE_S):
-        """Asks the program to end; returns its exit status. Fails on a sanitizer report."""
+        """Asks the program to end, unless it has ended already; returns its exit status."""
         if self._popen.poll() is None:
-            self._popen.send_signal(number)
+            self.send_signal(number)
         return self.wait(timeout_s)
 
     def kill(self):
-        """Ends the program at once, as a crash would."""
+        """Ends the program at once, as a crash would. It must still run."""
+        assert self.status is None, f"{self._ended()} before it was killed"
+        self.send_signal(signal.SIGKILL)
+        self._popen.wait()
+        self._finish()
+
+    def put_away(self):
+        """Ends the program, however far it is; for what has failed, or was killed from outside."""
         self._popen.kill()
         self._popen.wait()
-        self.output.close()
-        self.errors.close()
+        self._read_to_end()
+
+    def finish(self):
+        """Stops the program unless its end has been looked at; it must end with status 0."""
+        if not self.is_finished:
+            status = self.stop()
+            assert status == 0, self._ended()
 
     def _finish(self):
+        self._read_to_end()
+        status = self._popen.returncode
+        assert status >= 0 or -status in self._signals_sent, self._ended()
+
+    def _read_to_end(self):
+        self.is_finished = True
         self.output.close()
         self.errors.close()
         assert_no_sanitizer_report(self.errors.text)
+
+    def _ended(self):
+        status = self._popen.returncode
+        how = f"died of signal {-status}" if status < 0 else f"ended with status {status}"
+        return f"{self.arguments} {how}:\n{self.errors.text}"
 
     def __enter__(self):
         return self
 
     def __exit__(self, kind, value, trace):
-        if self._popen.returncode is None:
-            if kind is None:
-                self.stop()
-            else:
-                self.kill()
+        if kind is None:
+            self.finish()
+        elif not self.is_finished:
+            self.put_away()
 
     def resident_kib(self):
         status = Path(f"/proc/{self.pid}/status").read_text()
@@ -201,9 +234,7 @@ def run(*arguments, timeout_s=PATIENCE_S, environment=None, directory=None):
     """Runs a program to its end. It must end in time, by itself and without sanitizer report."""
     with Process(*arguments, environment=environment, directory=directory) as process:
         status = process.wait(timeout_s)
-    result = Finished(status, process.output.text, process.errors.text)
-    assert status >= 0, f"{process.arguments} died of signal {-status}:\n{result.errors}"
-    return result
+    return Finished(status, process.output.text, process.errors.text)
 
 
 def run_on_terminal(*arguments, timeout_s=PATIENCE_S):

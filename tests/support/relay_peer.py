@@ -376,10 +376,12 @@ class OpensslRelay:
         return self
 
     def __exit__(self, *_):
+        status = self._program.poll()
         self._program.kill()
         self._program.wait()
         self._program.stdin.close()
         self._program.stdout.close()
+        assert status is None, f"openssl ended by itself with {status}"
 
 
 class DeafListener:

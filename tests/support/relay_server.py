@@ -82,8 +82,8 @@ class RelayServer:
         return self.process.status is not None
 
     def restart(self):
-        """Starts it again on the ports it had, after it ended."""
-        self.process.wait()
+        """Starts it again on the ports it had, after it was killed from outside."""
+        self.process.put_away()
         configuration = json.loads(self.configuration.read_text())
         for section, port in (("devices", self.device_port), ("front", self.front_port),
                               ("admin", self.admin_port)):
@@ -92,8 +92,8 @@ class RelayServer:
         return self.start()
 
     def stop(self):
-        """Ends it the way an operator does; its exit status."""
-        return self.process.stop()
+        """Ends it the way an operator does."""
+        assert self.process.stop() == 0, self.log.text
 
     def reload(self):
         """SIGHUP; returns when the files have been read."""
@@ -102,7 +102,7 @@ class RelayServer:
         self.log.wait_for(r"reloaded certificates|not reloaded", start=start)
 
     def signal(self, number):
-        self.process._popen.send_signal(number)
+        self.process.send_signal(number)
 
     @property
     def pid(self):
@@ -120,8 +120,6 @@ class RelayServer:
         return self.start()
 
     def __exit__(self, kind, value, trace):
-        if kind is None and self.process.status is None:
-            assert self.stop() == 0, self.log.text
         self.process.__exit__(kind, value, trace)
 
     # --- users ---

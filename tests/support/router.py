@@ -150,18 +150,20 @@ class Router:
             return True
 
     def stop_bus(self):
-        self.bus.stop()
-        self.bus = None
-        BUS_SOCKET.unlink(missing_ok=True)
+        bus, self.bus = self.bus, None
+        try:
+            bus.finish()
+        finally:
+            BUS_SOCKET.unlink(missing_ok=True)
 
     @property
     def bus_has_ended(self):
         return self.bus.status is not None
 
     def restart_bus(self):
-        """Brings the bus back, with its services, after it ended."""
+        """Brings the bus back, with its services, after it was killed from outside."""
         self.identity.stop()
-        self.bus.wait()
+        self.bus.put_away()
         BUS_SOCKET.unlink(missing_ok=True)
         self.start_bus()
         self.identity.start()
@@ -173,10 +175,12 @@ class Router:
         return self
 
     def __exit__(self, *_):
-        self.identity.stop()
-        if self.bus:
-            self.stop_bus()
-        self.console.close()
+        try:
+            self.identity.stop()
+            if self.bus:
+                self.stop_bus()
+        finally:
+            self.console.close()
 
 
 class Console(Log):

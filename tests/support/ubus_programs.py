@@ -43,7 +43,7 @@ class Broker:
             wait_until(self._is_serving, "the broker serves its socket")
             wait_until(lambda: self.connection_count() == 0, "the broker is at rest")
         except AssertionError:
-            self.process.kill()
+            self.process.put_away()
             raise
 
     def _is_serving(self):
@@ -70,9 +70,7 @@ class Broker:
 
     def stop(self):
         try:
-            if self.process.status is None:
-                status = self.process.stop()
-                assert status == 0, f"the broker ended with {status}"
+            self.process.finish()
         finally:
             shutil.rmtree(self._folder)
 

@@ -10,12 +10,11 @@ for exchanges that are too large or too many to be taken step by step.
 
 import contextlib
 import socket
-import subprocess
 import threading
 import time
 from pathlib import Path
 
-from processes import PATIENCE_S, wait_until
+from processes import PATIENCE_S, Process, wait_until
 from relay_peer import is_readable, reset
 
 
@@ -158,9 +157,8 @@ class Lighttpd:
             '".json" => "application/json", ".bin" => "application/octet-stream" )\n'
             'index-file.names = ( "index.html" )\n')
         # It dies with us, however we end.
-        self._process = subprocess.Popen(
-            ["setpriv", "--pdeathsig", "KILL", "lighttpd", "-D", "-f", configuration],
-            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+        self._process = Process("setpriv", "--pdeathsig", "KILL", "lighttpd", "-D", "-f",
+                                configuration)
 
     def fetch(self, request):
         """What the server answers to the bytes of `request`, asked directly."""
@@ -172,7 +170,7 @@ class Lighttpd:
             return b"".join(pieces)
 
     def _is_serving(self):
-        assert self._process.poll() is None, self._process.stderr.read().decode()
+        assert self._process.status is None, self._process.errors.text
         with contextlib.suppress(ConnectionRefusedError):
             socket.create_connection(("127.0.0.1", self.port)).close()
             return True
@@ -183,6 +181,4 @@ class Lighttpd:
         return self
 
     def __exit__(self, *_):
-        self._process.terminate()
-        self._process.wait()
-        self._process.stderr.close()
+        self._process.finish()

@@ -8,7 +8,7 @@ import pytest
 
 import recordings
 from recordings import CALLS_AND_LISTS, FROM_BROKER, FROM_CLIENT, LISTEN_AND_SEND
-from ubus_wire import Closed, Connection, split_messages
+from ubus_wire import Closed, Connection, Status, split_messages
 
 LOWEST_DRAWN_ID = 1025
 
@@ -78,6 +78,12 @@ def test_the_broker_answers_and_passes_on_the_recorded_events_as_recorded(broker
     play_clients(broker, recordings.load("vectors-events.txt"), staying=set())
 
 
+# Exit statuses of the runs that ended with an error.
+RECORDED_FAILURES = {"call svc reload": 156, "call svc nope": 256 - Status.METHOD_NOT_FOUND,
+                     "call nope nope": Status.NOT_FOUND, "list nope": Status.NOT_FOUND,
+                     "-t 1 wait_for": Status.TIMEOUT}
+
+
 def play_broker(scripted_broker, steps, arguments):
     """Runs the tool, sends it what the recorded broker sent, and checks each byte it sends."""
     with scripted_broker.start_tool(*arguments) as tool, scripted_broker.accept() as connection:
@@ -89,7 +95,10 @@ def play_broker(scripted_broker, steps, arguments):
         if arguments[0] != "listen":
             with pytest.raises(Closed):
                 connection.receive_bytes(1)
-            tool.wait()
+            assert tool.wait() == RECORDED_FAILURES.get(" ".join(arguments[:3]), 0)
+            return
+        connection.close()
+        assert tool.wait() == Status.CONNECTION_FAILED
 
 
 def cases(name, runs):

@@ -111,7 +111,7 @@ def test_a_call_to_a_silent_owner_ends_with_the_time_limit_given(broker):
 def test_a_call_under_way_ends_when_it_is_interrupted(broker, number):
     with silent_service(broker) as owner, broker.start_tool("call", "mute", "wait") as tool:
         owner.next_call()
-        assert tool.stop(number, timeout_s=10) != 0
+        assert tool.stop(number, timeout_s=10) == -number
 
 
 def test_wait_for_ends_well_at_once_when_the_object_is_there(broker, svc):
@@ -148,7 +148,7 @@ def test_listen_prints_each_event_on_a_line_as_the_stock_tool_does(broker):
         listener.output.wait_for("ubus.object.remove.*\n")
         assert listener.output.lines[seen:] == [
             sent, removed.replace("630192541", str(gone_id))]
-        listener.stop()
+        assert listener.stop() == -signal.SIGTERM
         assert listener.errors.text == ""
 
 
@@ -170,14 +170,14 @@ def test_listen_without_a_pattern_prints_every_event(broker):
             line = listener.output.wait_for('.*"ubus.object.add".*\n').group(0)
         event = json.loads(line)
         assert event["ubus.object.add"]["path"] == "svc"
-        listener.stop()
+        assert listener.stop() == -signal.SIGTERM
 
 
 def test_listen_ends_when_the_broker_goes(broker):
     with broker.start_tool("listen") as listener:
         wait_until_listening(broker, listener, "anything")
         broker.kill()
-        listener.wait()
+        assert listener.wait() == Status.CONNECTION_FAILED
 
 
 def test_an_event_sent_by_the_tool_without_data_arrives_empty(broker):

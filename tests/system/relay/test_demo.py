@@ -82,12 +82,12 @@ class Demo(Process):
                     return each
         return None
 
-    def kill(self):
+    def put_away(self):
         """Ends all that runs for it, as a failed test must."""
         for each in self.relatives():
             with contextlib.suppress(ProcessLookupError):
                 os.kill(each, signal.SIGKILL)
-        super().kill()
+        super().put_away()
 
     def __exit__(self, *raised):
         self.close_keyboard()
