@@ -58,6 +58,6 @@ function(discover_tests program prefix)
         set_tests_properties(${program} PROPERTIES TIMEOUT 600)
     else()
         gtest_discover_tests(${program} TEST_PREFIX "${prefix}"
-            DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120)
+            DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
     endif()
 endfunction()
