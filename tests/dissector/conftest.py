@@ -9,10 +9,17 @@ import pytest
 
 from processes import Process
 from recording import Recording
+from suite_rules import shuffle_by_file
+
+pytest_plugins = ["suite_rules"]
 
 TREE = Path(__file__).resolve().parents[2]
 DATA = Path(__file__).resolve().parent / "data"
 NOBODY = 65534
+
+
+def pytest_collection_modifyitems(items):
+    shuffle_by_file(items)
 
 
 class Tshark:

@@ -11,6 +11,9 @@ import pytest
 import namespaces
 from processes import program
 from router import prepare
+from suite_rules import shuffle_by_file
+
+pytest_plugins = ["suite_rules"]
 
 TREE = Path(__file__).resolve().parents[2]
 PACKAGE = TREE / "packaging" / "cloud_relay_client"
@@ -24,6 +27,10 @@ def pytest_configure(config):
     # Here and not later: afterwards there are threads. Workers of xdist inherit it.
     if not hasattr(config, "workerinput"):
         namespaces.become_root()
+
+
+def pytest_collection_modifyitems(items):
+    shuffle_by_file(items)
 
 
 @pytest.fixture(scope="session")

@@ -18,6 +18,7 @@ import pytest
 from daemon_log import Log
 from processes import PATIENCE_S, assert_no_sanitizer_report, program, run, wait_until
 from router import BUS_SOCKET
+from suite_rules import of_this_build
 
 DAEMON = "cloud_relay_client"
 OBJECT = "cloud_relayc"
@@ -163,12 +164,12 @@ class Daemon:
             shutil.rmtree(self._folder)
 
     def kill(self):
-        self._process.kill()
         """Ends the daemon as a crash would; start() starts another. It must still run."""
         assert self.alive, f"the daemon has ended with {self._process.returncode}:\n{self.errors}"
         self._end()
 
     def _end(self):
+        self._process.kill()
         self._process.wait()
         if self.log is not None:  # an interrupted start() has none yet
             self.log.wait_for_end()
@@ -272,7 +273,7 @@ class Daemon:
     def limit_descriptors(self, count):
         """Not under valgrind: it keeps descriptors of its own right above the program's limit."""
         if build() == "valgrind":
-            pytest.skip("valgrind does not bear a descriptor limit changed from outside")
+            pytest.skip(of_this_build("valgrind does not bear a limit changed from outside"))
         _, hard = resource.prlimit(self.pid, resource.RLIMIT_NOFILE)
         resource.prlimit(self.pid, resource.RLIMIT_NOFILE, (count, hard))
 

@@ -6,7 +6,10 @@ from daemon import Daemon, build
 from longest_first import LongestFirst, duration_of
 from relay_peer import Relay
 from router import Router, prepare
+from suite_rules import of_this_build, shuffle
 from web_peer import WebServer
+
+pytest_plugins = ["suite_rules"]
 
 
 def pytest_configure(config):
@@ -16,6 +19,7 @@ def pytest_configure(config):
 
 
 def pytest_collection_modifyitems(items):
+    shuffle(items)
     items.sort(key=duration_of, reverse=True)
 
 
@@ -35,7 +39,7 @@ def pytest_runtest_makereport(item, call):
 
 def pytest_runtest_setup(item):
     if item.get_closest_marker("plain_build") and build() != "plain":
-        pytest.skip(f"says nothing about a daemon built or run for checking ({build()})")
+        pytest.skip(of_this_build(f"{build()}, and the test is about the daemon as shipped"))
 
 
 @pytest.fixture(scope="session")

@@ -6,6 +6,7 @@ import pytest
 
 from daemon import DAEMON, build
 from processes import program
+from suite_rules import of_this_build
 
 
 def printed(*command):
@@ -27,7 +28,7 @@ def needed_libraries():
 
 def test_the_c_plus_plus_library_is_not_needed_at_run_time():
     if build() in ("address", "thread"):
-        pytest.skip("the sanitizer's own library brings it along")
+        pytest.skip(of_this_build("the sanitizer's own library brings it along"))
     assert needed_libraries()
     assert not [name for name in needed_libraries() if name.startswith("libstdc++")]
 

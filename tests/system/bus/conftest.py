@@ -2,6 +2,7 @@ import pytest
 
 from processes import is_sanitized, program
 from scripted_broker import ScriptedBroker
+from suite_rules import of_this_build
 from ubus_programs import Broker
 
 
@@ -36,4 +37,4 @@ def scripted_broker():
 def telling_memory():
     """For tests that measure the broker's resident memory."""
     if is_sanitized(program("ubusd")):
-        pytest.skip("a sanitizer's allocator keeps what the program gives back")
+        pytest.skip(of_this_build("a sanitizer's allocator keeps what is given back"))

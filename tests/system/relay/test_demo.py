@@ -13,6 +13,7 @@ import pytest
 
 import namespaces
 from processes import Process, can_change_user, is_sanitized, program, run, wait_until
+from suite_rules import of_this_build
 
 TREE = Path(__file__).resolve().parents[3]
 PAGE = (TREE / "demo" / "www" / "index.html").read_text()
@@ -241,7 +242,8 @@ def test_a_relay_that_does_not_start_fails(tmp_path):
 
 
 @pytest.mark.skipif(is_sanitized(program("cloud_relay_client")),
-                    reason="a sanitizer makes the folder of its log anew in a daemon that starts")
+                    reason=of_this_build("a sanitizer makes the folder of its log anew in a "
+                                         "daemon that starts"))
 @pytest.mark.parametrize("moment", ["^", "relay_server is up", "the router is up",
                                     "the device is connected"])
 @pytest.mark.parametrize("whom", ["the script", "all of them"])

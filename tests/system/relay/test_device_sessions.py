@@ -9,6 +9,7 @@ from http_user import User
 from processes import is_sanitized, program, wait_until
 from relay_peer import (HEARTBEAT, HELLO, RELAY_REQUEST, RELAY_RESPONSE, WEB_TOKEN, Packet,
                         header)
+from suite_rules import of_this_build
 
 
 def serves(device, user):
@@ -251,7 +252,8 @@ def test_ids_are_never_0_and_differ_while_open(relay, device, open_user):
 
 @pytest.mark.lasts(20)
 @pytest.mark.relay(options={"devices": {"answer_s": 300}})
-@pytest.mark.skipif(is_sanitized(program("relay_server")), reason="the numbers are the same there")
+@pytest.mark.skipif(is_sanitized(program("relay_server")),
+                    reason=of_this_build("the numbers are the same there"))
 def test_ids_begin_anew_after_65535_and_pass_over_one_that_is_open(device, user, open_user):
     user.ask("/kept")
     kept = device.expect_request()

@@ -7,6 +7,7 @@
 #include "broker_process.h"
 #include "deadline.h"
 #include "raw_peer.h"
+#include "support/lacking.h"
 
 namespace {
 
@@ -277,7 +278,7 @@ int as_nobody(const std::function<int()>& check) {
 
 TEST_F(Broker, LetsOthersThanRootSeeAndDoNothing) {
     if (geteuid() != 0) {
-        GTEST_SKIP() << "takes root to become somebody else";
+        SKIP_LACKING("root, to become somebody else");
     }
     const Owner svc = owner("svc");
     EXPECT_EQ(

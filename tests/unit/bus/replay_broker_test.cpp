@@ -9,6 +9,7 @@
 
 #include "broker_process.h"
 #include "recording.h"
+#include "support/lacking.h"
 
 namespace {
 
@@ -60,7 +61,7 @@ class ReplayBroker : public testing::Test {
 protected:
     void SetUp() override {
         if (geteuid() != 0) {
-            GTEST_SKIP() << "the recorded callers are root";
+            SKIP_LACKING("root, as whom the recorded callers ran");
         }
     }
 
