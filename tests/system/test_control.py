@@ -237,7 +237,7 @@ def test_a_reload_during_the_handshake_restarts(daemon, relay, authority):
         stuck = relay.accept()
         stuck.expect_hello()
         session = expect_restart(daemon, other)
-        stuck.expect_closed(within=10)
+        stuck.expect_closed(within=10 * slowness())
         wait_until(lambda: "cycleHnd_0" not in daemon.threads(), "the old worker gives up")
         session.expect_served()
 
@@ -248,7 +248,7 @@ def test_a_reload_during_a_stalled_body_restarts(daemon, session, web, authority
     web.accept()
     with Relay(authority.certificate()) as other:
         second = expect_restart(daemon, other)
-        session.expect_closed(within=10)
+        session.expect_closed(within=10 * slowness())
         wait_until(lambda: "cycleHnd_0" not in daemon.threads(), "the old worker gives up")
         second.expect_served()
         carry(second, web, 2, answer=b"fresh")

@@ -114,7 +114,7 @@ def test_a_restart_that_fails_has_status_8_and_leaves_the_daemon_idle(daemon, pl
             "E - -1 call _swCloudRelayClientTaskRestart(ipaddr, port) failed.",
             "E - 8 call swCloudRelayClientTaskStart(addrStr, port) failed.")
         daemon.lift_address_space_limit()
-        assert daemon.reload(relay.address, relay.port).seconds < 2
+        assert daemon.reload(relay.address, relay.port).seconds < 2 * slowness()
         relay.accept().welcome().expect_served()
 
 

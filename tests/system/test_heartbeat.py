@@ -45,7 +45,7 @@ def test_on_a_system_just_booted_the_first_heartbeat_waits_until_its_clock_shows
     session.answer_hello()
     session.expect_heartbeat(within=10 * slowness())
     # The offset of the clock is a whole number of seconds.
-    assert 5 < daemon.log.expect("[CRC:] Send requset ok.").at - booted < 7.5
+    assert 5 < daemon.log.expect("[CRC:] Send requset ok.").at - booted < 5 + 2.5 * slowness()
 
 
 def test_an_answered_heartbeat_is_followed_by_no_other(daemon, session):

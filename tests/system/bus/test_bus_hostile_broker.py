@@ -37,7 +37,7 @@ GARBAGE = {
 
 def fails(tool):
     """The tool ends by itself, in time, with a status other than 0."""
-    return tool.wait(timeout_s=10) > 0
+    return tool.wait() > 0
 
 
 def answer_first_request(connection, *answers):
@@ -99,7 +99,7 @@ def test_a_command_that_waits_for_an_answer_ends_when_it_is_interrupted(
         scripted_broker, command, number):
     with scripted_broker.start_tool(*command) as tool, scripted_broker.greet() as connection:
         connection.receive()
-        assert tool.stop(number, timeout_s=10) == -number
+        assert tool.stop(number) == -number
 
 
 @every_command
@@ -166,10 +166,10 @@ def test_a_broker_whose_answer_lacks_something_crashes_and_hangs_no_tool(
         with scripted_broker.greet() as connection:
             try:
                 answer_first_request(connection, *answers)
-                connection.receive_until_closed(timeout_s=10)
+                connection.receive_until_closed()
             except Closed:
                 pass
-            assert tool.wait(timeout_s=10) >= 0
+            assert tool.wait() >= 0
 
 
 WRONG_ANSWERS = {
@@ -211,7 +211,7 @@ def test_an_answer_of_malformed_data_crashes_no_caller(scripted_broker, data):
                 Attribute.STATUS: Status.OK, Attribute.OBJID: OBJECT_ID}))
         except Closed:
             pass
-        assert tool.wait(timeout_s=10) == 256 - Status.PARSE_ERROR
+        assert tool.wait() == 256 - Status.PARSE_ERROR
         assert r"\xff" not in tool.output.text
 
 
@@ -223,7 +223,7 @@ def test_corrupted_answers_neither_crash_nor_hang_the_tool(scripted_broker, seed
             scripted_broker.greet() as connection:
         try:
             while True:
-                request = connection.receive(timeout_s=10)
+                request = connection.receive()
                 body = SVC if request.type == Type.LOOKUP else {
                     Attribute.OBJID: OBJECT_ID, Attribute.DATA: {"a": [1, {"b": "text"}]}}
                 answer = bytearray(
@@ -236,7 +236,7 @@ def test_corrupted_answers_neither_crash_nor_hang_the_tool(scripted_broker, seed
                 connection.send_bytes(bytes(answer))
         except Closed:
             pass
-        assert tool.wait(timeout_s=10) >= 0
+        assert tool.wait() >= 0
 
 
 def test_a_listener_survives_events_that_make_no_sense(scripted_broker):

@@ -6,6 +6,7 @@ import socket
 import threading
 import time
 
+from daemon import slowness
 from processes import program, run, wait_until
 from ubus_wire import SILENT, Attribute, Blobmsg, Client, Connection, Message, Method, Status, Type
 
@@ -152,7 +153,7 @@ def test_the_callers_of_an_owner_that_dies_in_mid_call_do_not_hang(broker):
     with broker.start_tool("-t", "2", "call", "svc", "wait") as tool:
         owner.next_call()
         owner.die()
-        status = tool.wait(timeout_s=10)
+        status = tool.wait()
         assert 256 - status in (Status.NOT_FOUND, Status.NO_DATA, Status.TIMEOUT)
         assert tool.errors.text.startswith("Command failed: ubus call svc wait (")
     assert broker.tool("list").output == ""
@@ -166,7 +167,7 @@ def test_an_owner_that_dies_between_data_and_status_hangs_no_caller(broker):
             owner.send(Message(Type.DATA, invoke.seq, invoke.peer, {
                 Attribute.OBJID: added.id, Attribute.DATA: {"half": 1}}))
             owner.close()
-            assert 256 - tool.wait(timeout_s=10) in (Status.NOT_FOUND, Status.NO_DATA,
+            assert 256 - tool.wait() in (Status.NOT_FOUND, Status.NO_DATA,
                                                       Status.TIMEOUT)
 
 
@@ -190,7 +191,7 @@ def test_a_call_under_way_when_the_broker_dies_ends_with_a_time_out_at_once(brok
     with broker.start_tool("-t", "30", "call", "svc", "wait") as tool:
         owner.next_call()
         broker.kill()
-        assert tool.wait(timeout_s=10) == 256 - Status.TIMEOUT
+        assert tool.wait() == 256 - Status.TIMEOUT
     owner.die()
 
 
@@ -202,7 +203,7 @@ def test_programs_find_a_broker_that_was_killed_and_started_again(broker):
                 wait_until(lambda: broker.connection_count() >= 3, "both tools are connected")
                 broker.restart()
                 for tool in (waiting, listening):
-                    assert tool.wait(timeout_s=10) == Status.CONNECTION_FAILED
+                    assert tool.wait() == Status.CONNECTION_FAILED
         with broker.owner("later", {}):
             assert broker.tool("wait_for", "later").status == 0
 
@@ -245,10 +246,10 @@ def test_a_broker_out_of_descriptors_serves_the_clients_it_has_and_later_the_oth
         crowd = [connect(broker.socket) for _ in range(20)]
         wait_until(lambda: broker.process.descriptor_count() == limit, "the broker is full")
         spent_s = broker.process.processor_time_s()
-        for _ in range(100):
+        for _ in range(100 * slowness()):
             served.ping()
             time.sleep(0.005)
-        assert broker.process.processor_time_s() - spent_s < 0.25, "it does not spin meanwhile"
+        assert broker.process.processor_time_s() - spent_s < 0.25 * slowness(), "it spins"
         for connection in crowd[:-1]:
             connection.close()
         assert crowd[-1].receive().type == Type.HELLO

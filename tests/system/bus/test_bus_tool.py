@@ -101,7 +101,7 @@ def test_a_socket_path_too_long_for_the_system_is_no_broker():
 
 def test_a_call_to_a_silent_owner_ends_with_the_time_limit_given(broker):
     with silent_service(broker):
-        ran = broker.tool("-t", "1", "call", "mute", "wait", timeout_s=10)
+        ran = broker.tool("-t", "1", "call", "mute", "wait")
         assert ran.errors == "Command failed: ubus call mute wait (Request timed out)\n"
         assert ran.status == 256 - Status.TIMEOUT
         assert broker.tool_on_terminal("-t", "1", "call", "mute", "wait").status == Status.TIMEOUT
@@ -111,7 +111,7 @@ def test_a_call_to_a_silent_owner_ends_with_the_time_limit_given(broker):
 def test_a_call_under_way_ends_when_it_is_interrupted(broker, number):
     with silent_service(broker) as owner, broker.start_tool("call", "mute", "wait") as tool:
         owner.next_call()
-        assert tool.stop(number, timeout_s=10) == -number
+        assert tool.stop(number) == -number
 
 
 def test_wait_for_ends_well_at_once_when_the_object_is_there(broker, svc):
@@ -132,7 +132,7 @@ def test_wait_for_ends_well_as_soon_as_the_last_object_comes(broker, svc):
 
 def test_wait_for_an_object_that_never_comes_ends_with_the_time_limit_given(broker, svc):
     _, expected = PRINTED["wait_for"]
-    ran = broker.tool("-t", "1", "wait_for", "svc", "never", timeout_s=10)
+    ran = broker.tool("-t", "1", "wait_for", "svc", "never")
     assert (ran.output, ran.errors, ran.status) == ("", expected.output, expected.status)
 
 

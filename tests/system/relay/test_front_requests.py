@@ -5,6 +5,7 @@ import subprocess
 
 import pytest
 
+from daemon import slowness
 from device_peer import DEVICE_ID, http_answer
 
 
@@ -271,9 +272,9 @@ def test_a_body_that_ends_with_the_connection_ends_in_order(relay, device, user)
 @pytest.mark.relay(front_tls=True, options={"front": {"patience_s": 1}})
 def test_a_user_who_starts_no_tls_is_dropped(relay):
     with socket.create_connection(("127.0.0.1", relay.front_port)) as silent:
-        silent.settimeout(5)
+        silent.settimeout(3 * slowness())
         assert silent.recv(1) == b""
     with socket.create_connection(("127.0.0.1", relay.front_port)) as plain:
         plain.sendall(b"GET / HTTP/1.1\r\n\r\n")
-        plain.settimeout(5)
+        plain.settimeout(3 * slowness())
         assert b"HTTP" not in plain.recv(100)

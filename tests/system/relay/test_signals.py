@@ -10,6 +10,7 @@ import time
 
 import pytest
 
+from daemon import slowness
 from device_peer import DEVICE_ID, Device, http_answer
 from http_user import User
 from processes import program, wait_until
@@ -94,17 +95,18 @@ def test_reloads_in_a_row_leave_nothing_behind(relay, device):
 
 # --- SIGTERM ---
 
+@pytest.mark.relay(options={"drain_s": 60})
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
 def test_without_open_requests_it_ends_at_once(relay, device, user, number):
     served(device, user)
     started = time.monotonic()
     relay.signal(number)
     assert relay.process.wait() == 0
-    assert time.monotonic() - started < 1.9  # and not after the drain
+    assert time.monotonic() - started < 4 * slowness()  # and not after the drain
     with pytest.raises(Closed):
         device.read_packet()
     user.expect_closed()
-    relay.log.wait_for("draining: nobody comes in, open requests have 2 s")
+    relay.log.wait_for("draining: nobody comes in, open requests have 60 s")
     assert relay.log.lines[-1].endswith("info ended")
 
 
@@ -163,7 +165,7 @@ def test_the_drain_is_bounded(relay, device, user):
     started = time.monotonic()
     relay.signal(signal.SIGTERM)
     assert relay.process.wait() == 0
-    assert 0.7 < time.monotonic() - started < 5
+    assert 0.7 < time.monotonic() - started < 5 * slowness()
 
 
 @pytest.mark.relay(options={"drain_s": 60})
@@ -175,7 +177,7 @@ def test_asked_twice_it_ends_at_once(relay, device, user):
     started = time.monotonic()
     relay.signal(signal.SIGTERM)
     assert relay.process.wait() == 0
-    assert time.monotonic() - started < 4
+    assert time.monotonic() - started < 4 * slowness()
 
 
 @pytest.mark.relay(options={"drain_s": 1, "front": {"answer_buffer_bytes": 65536}})

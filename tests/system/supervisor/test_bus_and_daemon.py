@@ -101,7 +101,7 @@ def test_a_daemon_that_is_missing_is_restarted_through_procd(
     with Procd() as procd:
         supervisor.configure(relay, object_timeout="1").start().wait_for_object()
         supervisor.log.expect("cloud_relayc has been missing on the bus for 1 s")
-        assert procd.next_signal(within=1) == {
+        assert procd.next_signal(within=1 * slowness()) == {
             "name": "cloud_relay", "instance": "cloud_relay_client", "signal": signal.SIGKILL}
         supervisor.log.expect("procd was asked to restart cloud_relay_client")
         assert supervisor.status()["last_reason"] == "cloud_relayc is missing on the bus"

@@ -58,7 +58,7 @@ def test_disconnect_ends_an_attempt_too(supervisor, daemon, relay):
     session.expect_hello()
     supervisor.must("disconnect")
     session.answer_hello()  # the daemon forgets a stop that comes in the handshake
-    wait_until(lambda: not workers(daemon), "the worker ends", 15)
+    wait_until(lambda: not workers(daemon), "the worker ends", 15 * slowness())
     stays(lambda: not workers(daemon), "no worker", 1)
 
 

@@ -7,7 +7,7 @@ import time
 import pytest
 
 from daemon import slowness
-from processes import program, run
+from processes import PATIENCE_S, program, run
 from relay_peer import Relay, is_readable
 from router import BUS_SOCKET
 from supervised import Pauses, Supervisor, reloads, stays
@@ -69,7 +69,7 @@ def test_a_bus_that_says_nothing_does_not_keep_it_from_ending(supervisor, router
         silent.bind(str(BUS_SOCKET))
         silent.listen()
         supervisor.start()
-        assert is_readable(silent, within=5)
+        assert is_readable(silent, within=PATIENCE_S)
         supervisor.stop()
     BUS_SOCKET.unlink()
 
