@@ -206,13 +206,16 @@ def test_a_refused_port_leaves_the_running_session_alone(daemon, session):
 
 @pytest.mark.lasts(5)
 def test_calls_wait_behind_a_restart(daemon, session, relay):
-    first = threading.Thread(target=daemon.reload, args=(relay.address, relay.port))
+    restarts = []
+    first = threading.Thread(
+        target=lambda: restarts.append(daemon.reload(relay.address, relay.port)))
     first.start()
     daemon.log.expect("[CRC:] Stop cloudRelayClient-task")
     answer = daemon.call("reload", {})
     assert answer.status == -1
     assert answer.seconds > 2
     first.join()
+    assert [restart.status for restart in restarts] == [0]
     relay.accept().welcome()
 
 

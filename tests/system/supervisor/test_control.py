@@ -49,6 +49,7 @@ def test_disconnect_holds_until_somebody_connects(supervisor, daemon, relay, con
     supervisor.must("connect")
     relay.accept().welcome()
     supervisor.wait_for("connected")
+    assert reloads(daemon) == 2  # the first session's, and the last connect's
 
 
 @pytest.mark.lasts(9)
@@ -151,6 +152,7 @@ def test_disabling_ends_the_session_and_enabling_brings_one_back(
     supervisor.configure(relay, enabled="1").must("reload")
     relay.accept().welcome()
     supervisor.wait_for("connected")
+    assert reloads(daemon) == 2
 
 
 def test_a_file_that_cannot_be_parsed_changes_nothing(
