@@ -63,7 +63,7 @@ void BrokerProcess::start() {
 int BrokerProcess::end_with(int signal) {
     ::kill(m_pid, signal);
     int status = 0;
-    EXPECT_EQ(waitpid(m_pid, &status, 0), m_pid);
+    EXPECT_EQ(TEMP_FAILURE_RETRY(waitpid(m_pid, &status, 0)), m_pid);
     m_pid = -1;
     return status;
 }

@@ -272,7 +272,7 @@ int as_nobody(const std::function<int()>& check) {
         _exit(setgid(65534) == 0 && setuid(65534) == 0 ? check() : 99);
     }
     int status = 0;
-    EXPECT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_EQ(TEMP_FAILURE_RETRY(waitpid(pid, &status, 0)), pid);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 

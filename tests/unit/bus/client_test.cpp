@@ -88,9 +88,9 @@ TEST_F(Client, RefusesToSendMoreThanAMebibyte) {
     EXPECT_EQ(call("echo"), UBUS_STATUS_OK);
 }
 
-TEST_F(Client, IsToldWhenTheServiceDiesInMidCall) {
+TEST_F(Client, IsToldWhenTheServiceHangsUpInMidCall) {
     const ServiceProcess svc(broker.socket(), offer_svc);
-    EXPECT_EQ(call("die", "{}", 0), UBUS_STATUS_TIMEOUT);
+    EXPECT_EQ(call("hang_up", "{}", 0), UBUS_STATUS_TIMEOUT);
     EXPECT_EQ(ubus_invoke(ctx, 5000, "echo", nullptr, nullptr, nullptr, 20000),
               UBUS_STATUS_NOT_FOUND)
         << "the connection itself stands";

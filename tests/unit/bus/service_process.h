@@ -25,6 +25,6 @@ private:
 //   status {value}    ends with that status
 //   late {value}      the same as echo and status, from a timer, after the handler returned
 //   silent            never answers
-//   die               ends the process in mid-call
+//   hang_up           ends the connection in mid-call, as the process's end would
 //   interrupt         sends SIGTERM to the process of the test, and never answers
 void offer_svc(ubus_context* ctx);

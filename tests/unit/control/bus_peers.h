@@ -48,7 +48,7 @@ public:
         if (process > 0) {
             ::kill(process, SIGKILL);
             int status = 0;
-            EXPECT_EQ(waitpid(process, &status, 0), process);
+            EXPECT_EQ(TEMP_FAILURE_RETRY(waitpid(process, &status, 0)), process);
             EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL)
                 << "it had ended before, wait status " << status;
         }
