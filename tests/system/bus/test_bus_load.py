@@ -203,7 +203,8 @@ def test_programs_find_a_broker_that_was_killed_and_started_again(broker):
                 wait_until(lambda: broker.connection_count() >= 3, "both tools are connected")
                 broker.restart()
                 for tool in (waiting, listening):
-                    assert tool.wait() == Status.CONNECTION_FAILED
+                    # The latter when its first requests were still under way.
+                    assert tool.wait() in (Status.CONNECTION_FAILED, Status.TIMEOUT)
         with broker.owner("later", {}):
             assert broker.tool("wait_for", "later").status == 0
 
