@@ -181,4 +181,6 @@ class Lighttpd:
         return self
 
     def __exit__(self, *_):
-        self._process.finish()
+        assert self._process.status is None, f"lighttpd has ended:\n{self._process.errors.text}"
+        # 1 when a connection is still open.
+        assert self._process.stop() in (0, 1), self._process.errors.text
