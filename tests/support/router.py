@@ -174,10 +174,12 @@ class Router:
         self.identity.start()
         return self
 
-    def __exit__(self, *_):
+    def __exit__(self, kind, *_):
         try:
             self.identity.stop()
-            if self.bus:
+            if self.bus and kind is not None:  # a Ctrl-C reaches it as well
+                self.bus.put_away()
+            elif self.bus:
                 self.stop_bus()
         finally:
             self.console.close()

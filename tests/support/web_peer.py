@@ -180,7 +180,10 @@ class Lighttpd:
         wait_until(self._is_serving, "lighttpd serves")
         return self
 
-    def __exit__(self, *_):
+    def __exit__(self, kind, *_):
+        if kind is not None:  # a Ctrl-C reaches it as well
+            self._process.put_away()
+            return
         assert self._process.status is None, f"lighttpd has ended:\n{self._process.errors.text}"
         # 1 when a connection is still open.
         assert self._process.stop() in (0, 1), self._process.errors.text
