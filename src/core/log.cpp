@@ -17,6 +17,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "core/clock.h"
 #include "core/mutex_guard.h"
 
 // The format is put together at run time here and nowhere else; callers are checked through the
@@ -36,15 +37,17 @@ constexpr size_t THREAD_NAME_SIZE = 16; // the kernel's own limit, terminator in
 constexpr size_t LINE_NUMBER_SIZE = 12;
 constexpr size_t LINE_SIZE = 512; // on the stack; longer lines take the heap
 constexpr int OUTPUT_PATIENCE_MS = 1000;
-// What a blocking pipe or terminal takes without blocking once it is reported writable.
-constexpr size_t CAREFUL_PIECE = 512;
+// What a blocking output takes without blocking once it is reported writable: a pipe has a page
+// free then, a terminal perhaps only room for one character.
+constexpr size_t PIPE_PIECE = 512;
+constexpr size_t TERMINAL_PIECE = 1;
 
 thread_local char threadName[THREAD_NAME_SIZE]; // empty until the thread's first line
 
 pthread_mutex_t outputMutex = PTHREAD_MUTEX_INITIALIZER;
 // Guarded by outputMutex:
-bool isStuck = false; // the last line was lost: the next ones do not wait
-bool isCut = false;   // ... after its beginning had been written
+bool isStuck = false; // a line was lost, and nothing taken since: the next ones do not wait
+bool isCut = false;   // the last line was lost after its beginning had been written
 
 std::atomic<bool> isOutputBlocking = true; // set by the main thread, read by every line
 
@@ -69,25 +72,31 @@ ssize_t _write_some(const char* text, size_t length) {
         errno = EAGAIN;
         return -1;
     }
-    return write(STDOUT_FILENO, text, std::min(length, CAREFUL_PIECE));
+    size_t piece = isatty(STDOUT_FILENO) == 1 ? TERMINAL_PIECE : PIPE_PIECE;
+    return write(STDOUT_FILENO, text, std::min(length, piece));
 }
 
 // Waits until the output may take more. False when it is to be given up.
-bool _wait_for_output() {
+bool _wait_for_output(int64_t deadline) {
+    int64_t left = isStuck ? 0 : std::max<int64_t>(deadline - cloud_now_ms(), 0);
     pollfd output = {STDOUT_FILENO, POLLOUT, 0};
-    int ready = poll(&output, 1, isStuck ? 0 : OUTPUT_PATIENCE_MS);
-    return ready > 0 || (ready < 0 && errno == EINTR);
+    int ready = poll(&output, 1, static_cast<int>(left));
+    return ready > 0 || (ready < 0 && errno == EINTR && left > 0);
 }
 
 // Writes all of the text, or as much as the output takes. Returns how much that was.
 size_t _write_all(const char* text, size_t length) {
+    int64_t deadline = 0; // of the present wait, 0 for none
     size_t done = 0;
     while (done < length) {
         ssize_t written = _write_some(text + done, length - done);
         if (written >= 0) {
             done += static_cast<size_t>(written);
+            isStuck = false;
+            deadline = 0;
         } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
-            if (!_wait_for_output()) {
+            deadline = deadline != 0 ? deadline : cloud_now_ms() + OUTPUT_PATIENCE_MS;
+            if (!_wait_for_output(deadline)) {
                 break;
             }
         } else if (errno != EINTR) {
