@@ -8,6 +8,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "own_output.h"
 #include "support/failing_calls.h"
 #include "support/log_capture.h"
 
@@ -65,6 +66,31 @@ TEST_F(Log, NamesTheThreadThatSpeaks) {
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_EQ(lines[0].thread, "cycleHnd_1");
     EXPECT_EQ(lines[1].thread, "main");
+}
+
+TEST_F(Log, AThreadThatWasNotNamedHasTheNameItStartedWith) {
+    log_capture log;
+    std::thread([] {
+        prctl(PR_SET_NAME, "at_start");
+        LOG_INFO("first");
+    }).join();
+    ASSERT_EQ(log.lines().size(), 1u);
+    EXPECT_EQ(log.lines()[0].thread, "at_start");
+}
+
+TEST_F(Log, ANamedThreadHasItsNameAtTheKernelToo) {
+    log_capture log;
+    std::thread([] {
+        LOG_INFO("under the former name");
+        cloud_name_thread("fifteen_letters_and_more");
+        LOG_INFO("under the new name");
+        char atKernel[16] = {};
+        prctl(PR_GET_NAME, atKernel);
+        EXPECT_STREQ(atKernel, "fifteen_letters");
+    }).join();
+    std::vector<log_line> lines = log.lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[1].thread, "fifteen_letters");
 }
 
 int speak() {
@@ -173,27 +199,13 @@ TEST_F(Log, KeepsItsPlaceAmongPlainPrints) {
                                          plain_line("after")));
 }
 
-// Puts a descriptor in the place of standard output for the time of its scope.
-struct stdout_is {
-    explicit stdout_is(int fd) : former(dup(STDOUT_FILENO)) {
-        fflush(stdout);
-        dup2(fd, STDOUT_FILENO);
-    }
-    ~stdout_is() {
-        fflush(stdout);
-        dup2(former, STDOUT_FILENO);
-        close(former);
-    }
-    int former;
-};
-
 TEST_F(Log, ALineLeavesInOneWrite) {
     // A datagram is what one write made of it.
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends), 0);
     const std::string argument(5000, 'x');
     {
-        stdout_is datagrams(ends[1]);
+        own_output datagrams(ends[1]);
         cloud_log(log_level::info, "f", 1, "short");
         cloud_log(log_level::info, "f", 2, "%s", argument.c_str());
     }
@@ -232,7 +244,7 @@ TEST_F(Log, SurvivesAnOutputThatTakesNothing) {
     int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
     ASSERT_GE(full, 0);
     {
-        stdout_is nothing(full);
+        own_output nothing(full);
         LOG_INFO("lost");
     }
     close(full);
