@@ -12,6 +12,8 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <uci.h>
+#include <unistd.h>
+#include <utility>
 #include <wolfssl/options.h>
 #include <wolfssl/ssl.h>
 
@@ -24,13 +26,30 @@ struct wrapped_call {
     std::atomic<int> countdown{0}; // the call that takes it from 1 to 0 fails
     std::atomic<bool> isThreadBound{false};
     std::atomic<pthread_t> thread{};
+    std::atomic<int> forcedError{0}; // instead of `error`, unless 0
+    std::atomic<int> calls{0};
     std::atomic<bool> failsAlways{false};
     std::atomic<int> failures{0}; // while it fails always
+    std::atomic<const std::function<void()>*> action{nullptr}; // of before_call
+    std::atomic<pthread_t> actingThread{};
+
+    void act() {
+        if (action != nullptr && pthread_equal(actingThread, pthread_self())) {
+            (*action.exchange(nullptr))();
+        }
+    }
+
+    void set_errno() const {
+        int number = forcedError != 0 ? forcedError.load() : error;
+        errno = number != 0 ? number : errno;
+    }
 
     bool fails() {
+        calls++;
+        act();
         if (failsAlways) {
             failures++;
-            errno = error;
+            set_errno();
             return true;
         }
         if (countdown.load() <= 0 || (isThreadBound && !pthread_equal(thread, pthread_self()))) {
@@ -39,7 +58,7 @@ struct wrapped_call {
         if (countdown.fetch_sub(1) != 1) {
             return false;
         }
-        errno = error;
+        set_errno();
         return true;
     }
 };
@@ -61,7 +80,8 @@ WRAPPED(char*, strdup, (const char* text), (text), ENOMEM, nullptr)
 WRAPPED(int, posix_spawn,
         (pid_t * process, const char* path, const posix_spawn_file_actions_t* files,
          const posix_spawnattr_t* attributes, char* const* arguments, char* const* environment),
-        (process, path, files, attributes, arguments, environment), EAGAIN, EAGAIN)
+        (process, path, files, attributes, arguments, environment), 0,
+        EAGAIN) // by its result alone
 WRAPPED(int, socket, (int domain, int type, int protocol), (domain, type, protocol), EMFILE, -1)
 WRAPPED(int, getsockopt, (int fd, int level, int name, void* value, socklen_t* size),
         (fd, level, name, value, size), ENOBUFS, -1)
@@ -70,6 +90,9 @@ WRAPPED(int, getsockname, (int fd, sockaddr* address, socklen_t* size), (fd, add
         ENOBUFS, -1)
 WRAPPED(int, select, (int count, fd_set* in, fd_set* out, fd_set* other, timeval* limit),
         (count, in, out, other, limit), EINTR, -1)
+WRAPPED(int, usleep, (useconds_t pause), (pause), EINTR, -1)
+WRAPPED(int, clock_nanosleep, (clockid_t clock, int flags, const timespec* until, timespec* rest),
+        (clock, flags, until, rest), EINVAL, EINVAL)
 WRAPPED(int, pthread_create,
         (pthread_t * thread, const pthread_attr_t* attributes, void* (*run)(void*), void* argument),
         (thread, attributes, run, argument), EAGAIN, EAGAIN)
@@ -110,6 +133,8 @@ static wrapped_call* const CALLS[] = {
     &call_of_getsockopt,
     &call_of_poll,
     &call_of_select,
+    &call_of_usleep,
+    &call_of_clock_nanosleep,
     &call_of_pthread_create,
     &call_of_localtime_r,
     &call_of_json_tokener_new,
@@ -134,7 +159,9 @@ static wrapped_call* find_call(const std::string& name) {
     abort();
 }
 
-fail_call::fail_call(const std::string& name, int nth, calls_of whose) : call(find_call(name)) {
+fail_call::fail_call(const std::string& name, int nth, calls_of whose, int error)
+    : call(find_call(name)) {
+    call->forcedError = error;
     call->isThreadBound = whose == calls_of::this_thread;
     call->thread = pthread_self();
     call->countdown = nth;
@@ -148,7 +175,8 @@ bool fail_call::happened() const {
     return call->countdown <= 0;
 }
 
-fail_every_call::fail_every_call(const std::string& name) : call(find_call(name)) {
+fail_every_call::fail_every_call(const std::string& name, int error) : call(find_call(name)) {
+    call->forcedError = error;
     call->failures = 0;
     call->failsAlways = true;
 }
@@ -159,6 +187,23 @@ fail_every_call::~fail_every_call() {
 
 int fail_every_call::times() const {
     return call->failures;
+}
+
+counted_calls::counted_calls(const std::string& name)
+    : call(find_call(name)), before(call->calls) {}
+
+int counted_calls::count() const {
+    return call->calls - before;
+}
+
+before_call::before_call(const std::string& name, std::function<void()> wanted)
+    : call(find_call(name)), action(std::move(wanted)) {
+    call->actingThread = pthread_self();
+    call->action = &action;
+}
+
+before_call::~before_call() {
+    call->action = nullptr;
 }
 
 // --- socket options ---

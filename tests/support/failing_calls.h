@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -16,18 +17,20 @@
 // To force every allocation of an operation in turn, count up until one did not happen.
 //
 // Known: malloc, calloc, realloc, strdup, posix_spawn, socket, setsockopt, getsockopt, getsockname,
-// select, poll, pthread_create, localtime_r, json_tokener_new, uci_alloc_context,
-// cJSON_CreateObject, cJSON_CreateNumber, cJSON_CreateString, cJSON_PrintUnformatted,
-// wolfSSL_CTX_new, wolfSSL_new, wolfSSL_set_fd; each fails with the errno that it would have.
+// select, poll, usleep, clock_nanosleep, pthread_create, localtime_r, json_tokener_new,
+// uci_alloc_context, cJSON_CreateObject, cJSON_CreateNumber, cJSON_CreateString,
+// cJSON_PrintUnformatted, wolfSSL_CTX_new, wolfSSL_new, wolfSSL_set_fd; each fails with the errno
+// that it would have.
 
 enum class calls_of { this_thread, every_thread };
 
 // At most one at a time for one function.
 class fail_call {
 public:
-    // Lets the `nth` call from now on fail, and the following ones pass again.
-    explicit fail_call(const std::string& name, int nth = 1,
-                       calls_of whose = calls_of::this_thread);
+    // Lets the `nth` call from now on fail, and the following ones pass again. `error` replaces the
+    // usual errno.
+    explicit fail_call(const std::string& name, int nth = 1, calls_of whose = calls_of::this_thread,
+                       int error = 0);
     ~fail_call();
     fail_call(const fail_call&) = delete;
     fail_call& operator=(const fail_call&) = delete;
@@ -41,7 +44,7 @@ private:
 // Lets every call of every thread fail, until the scope ends.
 class fail_every_call {
 public:
-    explicit fail_every_call(const std::string& name);
+    explicit fail_every_call(const std::string& name, int error = 0);
     ~fail_every_call();
     fail_every_call(const fail_every_call&) = delete;
     fail_every_call& operator=(const fail_every_call&) = delete;
@@ -50,6 +53,33 @@ public:
 
 private:
     struct wrapped_call* call;
+};
+
+// Counts the calls of a function, all threads'.
+class counted_calls {
+public:
+    explicit counted_calls(const std::string& name);
+
+    int count() const; // since the object was made
+
+private:
+    struct wrapped_call* call;
+    int before;
+};
+
+// Runs `action` once, on the calling thread, right before the next call that this thread makes of
+// the function: for what another thread does between two steps. At most one at a time for one
+// function.
+class before_call {
+public:
+    before_call(const std::string& name, std::function<void()> action);
+    ~before_call();
+    before_call(const before_call&) = delete;
+    before_call& operator=(const before_call&) = delete;
+
+private:
+    struct wrapped_call* call;
+    std::function<void()> action;
 };
 
 // One call of setsockopt.
