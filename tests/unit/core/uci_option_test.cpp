@@ -1,10 +1,16 @@
 #include "core/uci_option.h"
 
 #include <cstring>
+#include <ctime>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <string>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <thread>
+#include <unistd.h>
 
+#include "support/eventually.h"
 #include "support/failing_calls.h"
 #include "support/log_capture.h"
 #include "support/namespaces.h"
@@ -16,6 +22,7 @@ const bool isPrivate = private_namespaces();
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::StartsWith;
 
 struct Uci : testing::Test {
@@ -176,6 +183,203 @@ TEST_F(Uci, ThreadsReadSideBySide) {
     one.join();
     other.join();
     EXPECT_THAT(wrong, ElementsAre(0, 0));
+}
+
+// --- the cache
+
+constexpr char COMMITTED[] = "/etc/config/device_info";
+constexpr char STAGED[] = "/tmp/.uci/device_info";
+constexpr char VERSION[] = "device_info.info.hw_version";
+
+std::string version_file(const std::string& version) {
+    return "config info 'info'\n\toption hw_version '" + version + "'\n";
+}
+
+struct UciCache : Uci {
+    UciCache() {
+        static const bool isCovered = (cover_folder("/tmp", {".uci"}), true);
+        EXPECT_TRUE(isCovered);
+        write_file(COMMITTED, version_file("1.0"));
+    }
+    ~UciCache() override { remove_file("/tmp/.uci"); }
+
+    std::string read_version() {
+        memset(out, 0, sizeof out);
+        EXPECT_EQ(readUCI(VERSION, out, sizeof out, &cache), 0);
+        return out;
+    }
+
+    // Whether the next reading, which gives `version` again, asks libuci.
+    bool reads_again(const std::string& version) {
+        fail_call noContext("uci_alloc_context");
+        log_capture log;
+        memset(out, 0, sizeof out);
+        int result = readUCI(VERSION, out, sizeof out, &cache);
+        EXPECT_EQ(result == 0, !noContext.happened());
+        EXPECT_TRUE(result != 0 || out == version);
+        return noContext.happened();
+    }
+
+    static timespec modified() {
+        struct stat file = {};
+        EXPECT_EQ(stat(COMMITTED, &file), 0);
+        return file.st_mtim;
+    }
+    static void set_modified(const timespec& time) {
+        timespec times[2] = {time, time};
+        EXPECT_EQ(utimensat(AT_FDCWD, COMMITTED, times, 0), 0);
+    }
+
+    static timespec tick() {
+        timespec now = {};
+        clock_gettime(CLOCK_REALTIME_COARSE, &now);
+        return now;
+    }
+
+    // Changes one character of the file in a way that no time tells: as a write would, within the
+    // kernel's tick of the one before.
+    static void change_without_trace(const std::string& from, char to) {
+        struct stat before = {};
+        struct stat after = {};
+        int file = open(COMMITTED, O_RDWR | O_CLOEXEC);
+        fstat(file, &before);
+        size_t size = static_cast<size_t>(before.st_size);
+        void* mapped = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+        ASSERT_NE(mapped, MAP_FAILED);
+        *static_cast<char*>(memmem(mapped, size, from.data(), from.size())) = to;
+        munmap(mapped, size);
+        fstat(file, &after);
+        close(file);
+        ASSERT_EQ(memcmp(&before.st_mtim, &after.st_mtim, sizeof before.st_mtim), 0);
+        ASSERT_EQ(memcmp(&before.st_ctim, &after.st_ctim, sizeof before.st_ctim), 0);
+    }
+
+    moved_clock age{10000, CLOCK_REALTIME}; // of every file, at least
+    uci_cache_t cache = {};
+};
+
+TEST_F(UciCache, ReadsAnUnchangedOptionOnce) {
+    EXPECT_EQ(read_version(), "1.0");
+    EXPECT_FALSE(reads_again("1.0"));
+    EXPECT_FALSE(reads_again("1.0"));
+}
+
+TEST_F(UciCache, SeesAChangedFile) {
+    EXPECT_EQ(read_version(), "1.0");
+    write_file(COMMITTED, version_file("1.10"));
+    EXPECT_EQ(read_version(), "1.10");
+    EXPECT_FALSE(reads_again("1.10"));
+}
+
+TEST_F(UciCache, SeesAFileOfTheSameSizeInTheOthersPlace) {
+    const timespec time = modified();
+    EXPECT_EQ(read_version(), "1.0");
+    write_file("/etc/config/new", version_file("2.0"));
+    ASSERT_EQ(rename("/etc/config/new", COMMITTED), 0);
+    set_modified(time);
+    EXPECT_EQ(read_version(), "2.0");
+}
+
+TEST_F(UciCache, SeesAnotherTimeOfModification) {
+    EXPECT_EQ(read_version(), "1.0");
+    change_without_trace("1.0", '2');
+    timespec time = modified();
+    time.tv_sec -= 3600;
+    set_modified(time);
+    EXPECT_EQ(read_version(), "2.0");
+}
+
+TEST_F(UciCache, SeesAChangeThatWasDatedBack) {
+    const timespec time = modified();
+    EXPECT_EQ(read_version(), "1.0");
+    const timespec written = tick();
+    ASSERT_TRUE(eventually([&] {
+        timespec now = tick();
+        return memcmp(&now, &written, sizeof now) != 0;
+    }));
+    write_file(COMMITTED, version_file("2.0"));
+    set_modified(time);
+    EXPECT_EQ(read_version(), "2.0");
+}
+
+TEST_F(UciCache, SeesAStagedChangeAndThatItIsReverted) {
+    EXPECT_EQ(read_version(), "1.0");
+    write_file(STAGED, "device_info.info.hw_version='3.0'\n");
+    EXPECT_EQ(read_version(), "3.0");
+    EXPECT_FALSE(reads_again("3.0"));
+    remove_file(STAGED);
+    EXPECT_EQ(read_version(), "1.0");
+    EXPECT_FALSE(reads_again("1.0"));
+}
+
+TEST_F(UciCache, SeesThatTheFileIsGone) {
+    EXPECT_EQ(read_version(), "1.0");
+    remove_file(COMMITTED);
+    log_capture log;
+    strcpy(out, "untouched");
+    EXPECT_EQ(readUCI(VERSION, out, sizeof out, &cache), -1);
+    EXPECT_STREQ(out, "untouched");
+    EXPECT_THAT(log.errors(), Not(IsEmpty()));
+}
+
+// Written just now, as far as the reader can know.
+TEST_F(UciCache, SeesAChangeThatTheTimesOfAFreshFileDoNotTell) {
+    age.move(-10000);
+    EXPECT_EQ(read_version(), "1.0");
+    change_without_trace("1.0", '2');
+    EXPECT_EQ(read_version(), "2.0");
+    age.move(10000);
+    EXPECT_EQ(read_version(), "2.0");
+    EXPECT_FALSE(reads_again("2.0")) << "two seconds later no change can hide any more";
+}
+
+TEST_F(UciCache, DoesNotRelyOnAFreshStagedFileEither) {
+    age.move(-10000);
+    write_file(STAGED, "device_info.info.hw_version='3.0'\n");
+    EXPECT_EQ(read_version(), "3.0");
+    EXPECT_TRUE(reads_again("3.0"));
+}
+
+TEST_F(UciCache, DoesNotRelyOnAFileOfTheFuture) {
+    age.move(-3600 * 1000);
+    EXPECT_EQ(read_version(), "1.0");
+    EXPECT_TRUE(reads_again("1.0"));
+}
+
+TEST_F(UciCache, AsksForAMissingOptionEachTime) {
+    for (int time = 0; time < 2; time++) {
+        log_capture log;
+        strcpy(out, "untouched");
+        EXPECT_EQ(readUCI("device_info.info.colour", out, sizeof out, &cache), -1);
+        EXPECT_THAT(log.errors(), StartsWith("do not find the option: "));
+        EXPECT_STREQ(out, "untouched");
+    }
+}
+
+TEST_F(UciCache, CopiesLikeAReadingWithoutIt) {
+    for (int time = 0; time < 2; time++) {
+        strcpy(out, "9.9.9");
+        EXPECT_EQ(readUCI(VERSION, out, sizeof out, &cache), 0);
+        EXPECT_STREQ(out, "1.0.9");
+        char small[3] = "ab";
+        EXPECT_EQ(readUCI(VERSION, small, sizeof small, &cache), 0);
+        EXPECT_STREQ(small, "1.");
+    }
+}
+
+TEST_F(UciCache, CutsALongValueAtThirtyOneCharacters) {
+    write_file(COMMITTED, version_file(std::string(100, 'v')));
+    char large[100] = {};
+    for (int time = 0; time < 2; time++) {
+        EXPECT_EQ(readUCI(VERSION, large, sizeof large, &cache), 0);
+        EXPECT_EQ(large, std::string(31, 'v'));
+    }
+}
+
+TEST_F(UciCache, RefusesANullPath) {
+    log_capture log;
+    EXPECT_EQ(readUCI(nullptr, out, sizeof out, &cache), -1);
+    EXPECT_THAT(log.lines(), ElementsAre(error_line("readUCI", "Ensure str != NULL failed.")));
 }
 
 } // namespace
