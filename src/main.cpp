@@ -13,8 +13,8 @@ namespace {
 
 void _ignore_signal(int /*signal*/) {}
 
-// A vanished reader of the log must not end the daemon. A handler, not SIG_IGN: programs that
-// popen starts would inherit the latter and print into a closed pipe for ever.
+// A vanished reader of the log must not end the daemon. A handler, not SIG_IGN: helper
+// programs would inherit the latter and print into a closed pipe for ever.
 void _survive_closed_pipes() {
     struct sigaction action = {};
     action.sa_handler = _ignore_signal;

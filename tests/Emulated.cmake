@@ -26,6 +26,8 @@ set(not_emulated
     TwoUplinks.TheWalkGoesOnPastADeviceThatDoesNotConnect
     # What is resident is its own memory as well.
     remote_mq_response.of_20_megabytes_costs_20_megabytes
+    # Its threads are so slow that a line may be lost, as it should be then.
+    OfEveryKind/SlowOutput.*
     # It does not pass on a limit of the address space.
     PacketAllocate.IsNullForALengthBeyondTheProcessLimit
     RelayPacket.AClaimBeyondTheProcessLimitIsRefused)

@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -56,6 +57,7 @@ void debugOutputRedirect(const char* path) {
     if (fd < 1) {
         return;
     }
+    cloud_output_changed(fd); // before any line goes there
     dup2(fd, STDOUT_FILENO);
     dup2(fd, STDERR_FILENO);
     setvbuf(stdout, nullptr, _IONBF, 0);
@@ -67,16 +69,20 @@ void debugOutputRedirect(const char* path) {
     cloud_output_changed(STDERR_FILENO);
 }
 
+void _print(const char* text) {
+    cloud_print(text, strlen(text));
+}
+
 // Both messages are printed while output goes to the console.
 int dbg_handle(ubus_context* /*context*/, ubus_object* /*object*/, ubus_request_data* /*request*/,
                const char* /*method*/, blob_attr* /*msg*/) {
     if (debugEnabled == 0) {
         debugEnabled = 1;
         debugOutputRedirect("/dev/console");
-        puts("Enable debug!");
+        _print("Enable debug!\n");
     } else {
         debugEnabled = 0;
-        puts("Disable debug!");
+        _print("Disable debug!\n");
         debugOutputRedirect("/dev/null");
     }
     return 0;

@@ -90,7 +90,7 @@ size_t _write_all(const char* text, size_t length) {
     size_t done = 0;
     while (done < length) {
         ssize_t written = _write_some(text + done, length - done);
-        if (written >= 0) {
+        if (written > 0) {
             done += static_cast<size_t>(written);
             isStuck = false;
             deadline = 0;

@@ -1,6 +1,7 @@
 #include "core/uci_option.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -42,14 +43,17 @@ int64_t _nanoseconds(const timespec& time) {
     return int64_t{time.tv_sec} * NS_PER_SECOND + time.tv_nsec;
 }
 
-uci_file_state_t _state_of_file(const char* folder, const char* package) {
+// False when the file may be there and cannot be looked at.
+bool _look_at_file(const char* folder, const char* package, uci_file_state_t* state) {
     char path[2 * PATH_SIZE];
     snprintf(path, sizeof path, "%s/%s", folder, package);
     struct stat file = {};
     if (folder[0] == '\0' || stat(path, &file) != 0) {
-        return {};
+        *state = {};
+        return folder[0] == '\0' || errno == ENOENT || errno == ENOTDIR;
     }
-    return {file.st_ino, file.st_size, _nanoseconds(file.st_mtim), _nanoseconds(file.st_ctim)};
+    *state = {file.st_ino, file.st_size, _nanoseconds(file.st_mtim), _nanoseconds(file.st_ctim)};
+    return true;
 }
 
 // Looks at the files of the package that `str` begins with. False when one of them may change again
@@ -62,8 +66,8 @@ bool _look_at_files(const char* str, uci_cache_t* seen) {
     bool isSettled = true;
     uci_file_state_t* state = seen->files;
     for (const char* folder : PACKAGE_FOLDERS) {
-        *state = _state_of_file(folder, package);
-        isSettled = isSettled && _nanoseconds(now) - state->changed > SETTLED_NS;
+        bool isKnown = _look_at_file(folder, package, state);
+        isSettled = isSettled && isKnown && _nanoseconds(now) - state->changed > SETTLED_NS;
         state++;
     }
     return isSettled;

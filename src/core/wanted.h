@@ -4,6 +4,8 @@
 
 // Whether anybody still wants what the calling thread works on. Two flags end a worker's waits: the
 // event loop's thread sets them, the worker looks at them at least every LOOK_MS while it waits.
+// docs/threads.md lists the waits, and the two that do not look: the resolver, and the lock of the
+// remote request queue.
 //
 // Owner of the flags: the cloud cycle whose session the thread runs. Threads: each thread has its
 // own pair of pointers; a thread that never set them (the event loop's) is always wanted.
@@ -19,8 +21,8 @@ struct thread_wishes_t {
 // goes.
 void thread_wishes_set(thread_wishes_t wishes);
 
-// True once the calling thread's session is to end, or the thread was let go: nothing new is
-// begun, and waits for the web server end.
+// True once the calling thread's session is to end, or the thread was let go: no further exchange
+// is begun, and waits for the web server end.
 bool is_stop_wanted();
 
 // True once the calling thread was let go: every wait ends.

@@ -10,6 +10,7 @@
 namespace {
 
 constexpr size_t TEXT_SIZE = 128;
+constexpr size_t VERDICT_SIZE = 256;
 constexpr char INVALID_DEVICE_ID[] = "0000000000000000000000000000000000000000";
 constexpr char INVALID_FIRMWARE_ID[] = "00000000000000000000000000000000";
 constexpr char DEFAULT_MAC[] = "000000000000";
@@ -110,12 +111,14 @@ void zemc_build_request_of_hello_cloud_v2(hello_cloud_request_t** request) {
 }
 
 int zemc_recv_response_of_hello_cloud_v2(hello_cloud_response_t* response) {
-    constexpr char RULE[] = "------------------------------------------------------------------";
-    static_assert(sizeof RULE == 66 + 1);
-    puts(RULE);
-    puts(__func__);
-    printf("response->errorcode is %d\n", response->errorcode);
-    return puts(RULE);
+#define RULE "------------------------------------------------------------------\n"
+    static_assert(sizeof RULE == 66 + 2);
+    char text[VERDICT_SIZE];
+    int length = snprintf(text, sizeof text, RULE "%s\nresponse->errorcode is %d\n" RULE, __func__,
+                          response->errorcode);
+#undef RULE
+    cloud_print(text, static_cast<size_t>(length));
+    return 0;
 }
 
 void hello_cloud_request_free(hello_cloud_request_t* request) {

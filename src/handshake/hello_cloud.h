@@ -22,7 +22,7 @@ struct hello_cloud_response_t {
 // that cannot be had is replaced by defaults and logged, never fatal.
 void zemc_build_request_of_hello_cloud_v2(hello_cloud_request_t** request);
 
-// Prints the verdict plainly on standard output. Returns the result of its last print.
+// Prints the verdict plainly on standard output. Returns 0.
 int zemc_recv_response_of_hello_cloud_v2(hello_cloud_response_t* response);
 
 // Frees a record, complete or half made; null is ignored.

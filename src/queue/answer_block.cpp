@@ -58,12 +58,13 @@ bool _reserve(answer_block_t* block, size_t reserved) {
     return true;
 }
 
-// Where address space is limited, one piece more may be had when twice as much is not.
+// Where address space is limited, half of a step may be had when all of it is not.
 bool _reserve_more(answer_block_t* block) {
     size_t step = _next_step(block->reserved);
-    return step > 0 &&
-           (_reserve(block, block->reserved + step) ||
-            (step > CRC_DATA_BUF_SIZE && _reserve(block, block->reserved + CRC_DATA_BUF_SIZE)));
+    while (step > 0 && !_reserve(block, block->reserved + step)) {
+        step = step / 2 / CRC_DATA_BUF_SIZE * CRC_DATA_BUF_SIZE;
+    }
+    return step > 0;
 }
 
 } // namespace

@@ -21,6 +21,7 @@
 #include "transport/cloud_socket.h"
 #include "transport/packet_header.h"
 #include "transport/relay_packet.h"
+#include "transport/tcp_connect.h"
 
 cloud_remote_mq_t* pCloudRemoteMq = nullptr;
 pthread_mutex_t gRemoteMqLock;
@@ -30,7 +31,8 @@ namespace {
 using internal::_cloud_remote_mq_sp_remove;
 
 constexpr int64_t NODE_TIMEOUT_MS = 10000;
-constexpr int64_t ANSWER_LIMIT_MS = 90 * 1000; // below the heartbeats' interval of 100 s
+constexpr int64_t ANSWER_LIMIT_MS = 90 * 1000; // with the next, the heartbeats' interval of 100 s
+constexpr int64_t PASS_LIMIT_MS = 10 * 1000;   // after which no further answer is begun
 constexpr uint16_t DEFAULT_WEB_SERVER_PORT = 80;
 constexpr size_t PORT_TEXT_SIZE = 32;
 constexpr char PORT_OPTION[] = "system.service_port.http_port";
@@ -49,11 +51,23 @@ bool _is_awaiting(const cloud_remote_mq_node_t* node) {
     return _is_mine(node) && node->status == REMOTE_MQ_FORWARDED && node->webSvrSockfd != -1;
 }
 
+// A web server that still takes a large body from the kernel's buffer is given its time anew.
+bool _is_still_taking(cloud_remote_mq_node_t* node) {
+    int unsent = node->unsent > 0 ? unsent_bytes(node->webSvrSockfd) : 0;
+    bool isTaking = unsent < node->unsent;
+    node->unsent = unsent;
+    if (isTaking) {
+        node->updateTime = cloud_now_ms();
+    }
+    return isTaking;
+}
+
 // Whether the node has outlived its time. An answer that is there already is not dropped, however
 // long the worker was busy with others.
-bool _is_over(const cloud_remote_mq_node_t* node) {
+bool _is_over(cloud_remote_mq_node_t* node) {
     return _is_expired(node) &&
-           !(_is_awaiting(node) && web_server_has_answered(node->webSvrSockfd));
+           !(_is_awaiting(node) &&
+             (web_server_has_answered(node->webSvrSockfd) || _is_still_taking(node)));
 }
 
 void _close_socket(cloud_remote_mq_node_t* node) {
@@ -149,8 +163,8 @@ int _stream_body(cloud_socket_t* relay, cloud_remote_mq_node_t* node, uint8_t* b
             LOG_ERROR_AS(NAME, "Send remot request to web-server err, %s.", strerror(errno));
             result = CLOUD_ERROR;
         }
-        if (result != CLOUD_OK && is_stop_wanted()) {
-            break;
+        if (is_stop_wanted()) {
+            return CLOUD_ERROR;
         }
     }
     return result;
@@ -190,7 +204,7 @@ int _read_answer(const cloud_remote_mq_node_t* node, answer_block_t* answer) {
             return CLOUD_ERROR;
         }
         int64_t patience = std::min(node->timeout, deadline - cloud_now_ms());
-        ssize_t count = patience < 0
+        ssize_t count = patience < 0 || is_stop_wanted()
                             ? -1
                             : web_server_recv(node->webSvrSockfd, answer_block_end(*answer),
                                               answer_block_room(*answer), patience);
@@ -253,7 +267,7 @@ int _relay_answer(cloud_socket_t* cloudSock, cloud_remote_mq_node_t* pNode) {
 }
 
 // Drops the calling thread's nodes for which `isDone` holds, and takes them off the counters.
-void _drop_nodes(bool (*isDone)(const cloud_remote_mq_node_t* node)) {
+void _drop_nodes(bool (*isDone)(cloud_remote_mq_node_t* node)) {
     cloud_remote_mq_node_t* prev = nullptr;
     cloud_remote_mq_node_t* node = pCloudRemoteMq->head;
     while (node != nullptr) {
@@ -339,6 +353,7 @@ int cloud_remote_mq_request_handle(cloud_cycle_t* cycle, const uint8_t* reqHdr, 
     }
     node->status = REMOTE_MQ_FORWARDED;
     node->updateTime = cloud_now_ms();
+    node->unsent = node->reqDataLen > CRC_DATA_BUF_SIZE ? unsent_bytes(node->webSvrSockfd) : 0;
     pCloudRemoteMq->pendingNum--;
     pCloudRemoteMq->forwardedNum++;
     LOG_INFO("[CRC:] Send remote request to web-server successfully.");
@@ -372,9 +387,14 @@ int cloud_remote_mq_response_handle(const fd_set* pfdset, cloud_socket_t* cloudS
     if (pCloudRemoteMq->forwardedNum == 0) {
         return CLOUD_OK;
     }
+    int64_t start = cloud_now_ms();
     for (cloud_remote_mq_node_t* node = pCloudRemoteMq->head; node != nullptr; node = node->next) {
         if (!_is_awaiting(node) || !FD_ISSET(node->webSvrSockfd, pfdset)) {
             continue;
+        }
+        // The rest waits for the next turn, which looks at the relay and its heartbeats first.
+        if (is_stop_wanted() || cloud_now_ms() - start >= PASS_LIMIT_MS) {
+            break;
         }
         int result = _relay_answer(cloudSock, node);
         if (result != 0) {
@@ -391,7 +411,7 @@ void cloud_remote_mq_remove() {
     if (_is_empty()) {
         return;
     }
-    _drop_nodes([](const cloud_remote_mq_node_t* node) {
+    _drop_nodes([](cloud_remote_mq_node_t* node) {
         return node->status == REMOTE_MQ_ANSWERED || _is_over(node);
     });
 }
@@ -404,5 +424,5 @@ void cloud_remote_mq_clear() {
         LOG_INFO("[CRC:] The remote requests list is empty.");
         return;
     }
-    _drop_nodes([](const cloud_remote_mq_node_t* /*node*/) { return true; });
+    _drop_nodes([](cloud_remote_mq_node_t* /*node*/) { return true; });
 }

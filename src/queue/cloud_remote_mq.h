@@ -33,6 +33,7 @@ struct cloud_remote_mq_node_t {
     uint8_t* respPkt;     // owned: header, then the web server's bytes; only while it is being sent
     cloud_remote_mq_node_t* next;
     pthread_t worker; // whose node this is
+    int unsent;       // of a large body: bytes that the web server had not taken at updateTime
 };
 
 struct cloud_remote_mq_t {

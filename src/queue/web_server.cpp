@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
+#include <climits>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/select.h>
@@ -14,12 +15,19 @@
 
 namespace {
 
-constexpr int SEND_BUFFER_SIZE = 64 * 1024; // half a second of a web server that takes 130 KB/s
+constexpr int SEND_BUFFER_SIZE = 64 * 1024; // two seconds of a web server that takes 130 KB/s
 
-// Waits until the socket is ready. False with errno when the wait is over first.
+// Waits until the socket is ready. The kernel reports room for sending only when a third of the
+// buffer is free; what the web server took meanwhile is progress, too. False with errno when the
+// wait is over first.
 bool _wait(int fd, short events, int64_t patience) {
     int64_t deadline = cloud_now_ms() + patience;
+    int unsent = INT_MAX;
     while (!is_stop_wanted()) {
+        if (int now = events == POLLOUT ? unsent_bytes(fd) : INT_MAX; now < unsent) {
+            unsent = now;
+            deadline = cloud_now_ms() + patience;
+        }
         int64_t left = deadline - cloud_now_ms();
         if (left < 0) {
             errno = ETIMEDOUT;
@@ -62,7 +70,9 @@ int web_server_connect(int fd, uint16_t port, int64_t patience) {
     if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
         return 0;
     }
-    if (errno != EINPROGRESS || !_wait(fd, POLLOUT, patience)) {
+    // A signal leaves the connect under way, as the end of the time for one look does.
+    bool isUnderWay = errno == EINPROGRESS || errno == EINTR;
+    if (!isUnderWay || !_wait(fd, POLLOUT, patience)) {
         return -1;
     }
     errno = socket_error(fd);

@@ -43,6 +43,13 @@ void _clear_running(cloud_cycle_t* cycle) {
     cycle->status = static_cast<uint16_t>(cycle->status & ~CLOUD_CYCLE_RUNNING);
 }
 
+// A worker that is busy with a request or an answer sees no reply: that time does not count
+// against the messages that await one.
+void _forgive(cloud_cycle_t* cycle, int64_t blind) {
+    cycle->blindTime += blind;
+    cloud_mq_forgive(cycle->msgQueue, blind);
+}
+
 // Waits for the relay and for the web server's answers, not at all when TLS holds a packet already
 // that the descriptor no longer shows.
 void _wait(const cloud_cycle_t* cycle, turn_events* events) {
@@ -62,13 +69,6 @@ void _wait(const cloud_cycle_t* cycle, turn_events* events) {
     bool reported =
         connected && events->ready > 0 && relay <= maxFd && FD_ISSET(relay, &events->readable);
     events->relayReadable = buffered || reported;
-}
-
-// A worker that is busy with a request or an answer sees no reply: that time does not count
-// against the messages that await one.
-void _forgive(cloud_cycle_t* cycle, int64_t blind) {
-    cycle->blindTime += blind;
-    cloud_mq_forgive(cycle->msgQueue, blind);
 }
 
 // Reads one packet's header and has the packet handled. Returns 0 or why the session must end.

@@ -5,10 +5,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <linux/sockios.h>
 #include <netinet/tcp.h>
 #include <new>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -208,12 +206,6 @@ struct slow_write {
     int unsent;            // bytes in the connection's send buffer after the last attempt
 };
 
-int _unsent_bytes(const cloud_socket_t* socket) {
-    int unsent = 0;
-    ioctl(socket->sockfd, SIOCOUTQ, &unsent);
-    return unsent;
-}
-
 // True when a stalled write is to be given up. `unsent` is what the send buffer held after the
 // write's last attempt; less now means that the peer took some.
 bool _is_write_over(const cloud_socket_t* socket, slow_write* write) {
@@ -224,7 +216,7 @@ bool _is_write_over(const cloud_socket_t* socket, slow_write* write) {
     if (write->unwantedSince == 0) {
         write->unwantedSince = now;
         write->lastProgress = now;
-    } else if (_unsent_bytes(socket) < write->unsent) {
+    } else if (unsent_bytes(socket->sockfd) < write->unsent) {
         write->lastProgress = now;
     }
     return now - write->unwantedSince > FAREWELL_LIMIT_MS ||
@@ -242,7 +234,7 @@ int _write_whole(cloud_socket_t* socket, const void* buf, size_t length, int* re
     slow_write write = {};
     int error = _try_write(socket, buf, length, result);
     while (error == TLS_WANT_WRITE) {
-        write.unsent = is_stop_wanted() ? _unsent_bytes(socket) : 0;
+        write.unsent = is_stop_wanted() ? unsent_bytes(socket->sockfd) : 0;
         usleep(WRITE_RETRY_US);
         if (_is_write_over(socket, &write)) {
             break;
@@ -331,9 +323,12 @@ int cloud_socket_send_buf(cloud_socket_t* socket, const void* buf, size_t length
     }
     // Closed by the peer, given up, or stuck between two records: what is left of the packet cannot
     // follow, and the next packet must not.
+    bool isStuck = error == TLS_WANT_READ || error == TLS_NO_MEMORY;
+    if (isStuck) { // so that the session's next wait sees the end
+        shutdown(socket->sockfd, SHUT_RDWR);
+    }
     socket->midRecord = error == TLS_WANT_WRITE;
-    if (socket->midRecord || error == TLS_ZERO_RETURN || error == TLS_WANT_READ ||
-        error == TLS_NO_MEMORY) {
+    if (socket->midRecord || isStuck || error == TLS_ZERO_RETURN) {
         LOG_ERROR("[CRC:] The socket is disconnected, result:%d", result);
         socket->status = CLOUD_SOCKET_DISCONNECTED;
         return CLOUD_UNREACHABLE;

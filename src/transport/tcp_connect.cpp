@@ -5,7 +5,9 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/sockios.h>
 #include <netinet/in.h>
+#include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -48,6 +50,12 @@ int socket_error(int fd) {
     int error = 0;
     socklen_t size = sizeof error;
     return getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
+}
+
+int unsent_bytes(int fd) {
+    int unsent = 0;
+    ioctl(fd, SIOCOUTQ, &unsent);
+    return unsent;
 }
 
 int open_tcp_socket() {

@@ -18,6 +18,10 @@ int wait_descriptor(int fd, wait_for readiness, int64_t timeout);
 // the system cannot tell.
 int socket_error(int fd);
 
+// Bytes in the socket's send buffer that the peer has not acknowledged; 0 when the system cannot
+// tell.
+int unsent_bytes(int fd);
+
 // Opens a TCP socket that child processes do not inherit. Returns it, or -1 with errno; EMFILE also
 // for a descriptor that no fd_set can hold.
 int open_tcp_socket();

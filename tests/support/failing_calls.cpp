@@ -29,7 +29,7 @@ struct wrapped_call {
     std::atomic<int> forcedError{0}; // instead of `error`, unless 0
     std::atomic<int> calls{0};
     std::atomic<bool> failsAlways{false};
-    std::atomic<int> failures{0}; // while it fails always
+    std::atomic<int> failures{0};                              // while it fails always
     std::atomic<const std::function<void()>*> action{nullptr}; // of before_call
     std::atomic<pthread_t> actingThread{};
 

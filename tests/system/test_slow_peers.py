@@ -62,6 +62,21 @@ def test_an_upload_to_a_web_server_that_takes_130_kb_a_second_arrives_whole(sess
     assert session.read_packet().body == b"taken"
 
 
+@pytest.mark.lasts(30)
+def test_an_upload_that_the_web_server_takes_at_12_kb_a_second_is_answered(session, web):
+    upload = some_bytes(300_000)
+    web.limit_receive_buffers(16384)
+    sender = threading.Thread(target=session.send_packet, args=(RELAY_REQUEST, 1, upload))
+    sender.start()
+    exchange = web.accept()
+    for start in range(0, len(upload), 1200):
+        assert exchange.read_exactly(len(upload[start:start + 1200])) == upload[start:start + 1200]
+        time.sleep(0.1)
+    sender.join()
+    exchange.answer(b"taken")
+    assert session.read_packet().body == b"taken"
+
+
 @pytest.mark.lasts(14)
 def test_an_answer_that_is_there_is_sent_although_another_took_longer_than_its_time(
         daemon, session, web):

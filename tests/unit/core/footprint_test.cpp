@@ -27,7 +27,9 @@ TEST(AvailableMemory, OfAKernelThatDoesNotTellIsUnlimited) {
 
 TEST(AvailableMemory, OfThisMachineIsPlausible) {
     EXPECT_GT(available_memory(), 1024u * 1024);
-    EXPECT_LT(available_memory(), SIZE_MAX);
+    if (sizeof(size_t) > sizeof(uint32_t)) { // else the machine may have more than it counts
+        EXPECT_LT(available_memory(), SIZE_MAX);
+    }
 }
 
 } // namespace
