@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <pthread.h>
+#include <set>
 
 #include "core/clock.h"
 #include "handshake/hello_cloud.h"
@@ -24,6 +26,44 @@ using testing::Ge;
 using testing::IsEmpty;
 using testing::Le;
 using testing::StrEq;
+
+namespace {
+
+// The mutexes that the calling thread makes and destroys in its scope.
+class mutex_watch {
+public:
+    mutex_watch() { ofThread = this; }
+    ~mutex_watch() { ofThread = nullptr; }
+    mutex_watch(const mutex_watch&) = delete;
+    mutex_watch& operator=(const mutex_watch&) = delete;
+
+    static inline thread_local mutex_watch* ofThread = nullptr;
+
+    std::set<pthread_mutex_t*> made; // and not destroyed
+    int destroyedUnmade = 0;
+};
+
+} // namespace
+
+extern "C" int __real_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* kind);
+extern "C" int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* kind);
+extern "C" int __real_pthread_mutex_destroy(pthread_mutex_t* mutex);
+extern "C" int __wrap_pthread_mutex_destroy(pthread_mutex_t* mutex);
+
+extern "C" int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* kind) {
+    if (mutex_watch::ofThread != nullptr) {
+        mutex_watch::ofThread->made.insert(mutex);
+    }
+    return __real_pthread_mutex_init(mutex, kind);
+}
+
+extern "C" int __wrap_pthread_mutex_destroy(pthread_mutex_t* mutex) {
+    if (mutex_watch::ofThread != nullptr && mutex_watch::ofThread->made.erase(mutex) == 0) {
+        mutex_watch::ofThread->destroyedUnmade++;
+        return 0;
+    }
+    return __real_pthread_mutex_destroy(mutex);
+}
 
 namespace {
 
@@ -151,6 +191,19 @@ TEST_P(CloudCycleOutOfMemoryTest, InitSaysWhichStepFailed) {
                 Contains(info_line("cloud_cycle_destroy", "[CRC:] Destroy cloud-cycle end.")));
 }
 
+TEST_P(CloudCycleOutOfMemoryTest, DestroyLeavesMutexesAloneThatWereNotMade) {
+    const failing_step& step = GetParam();
+    mutex_watch mutexes;
+    {
+        fail_call failure(step.call, step.nth);
+        EXPECT_EQ(cloud_cycle_init(SERVER, PORT, cycle), step.result);
+        EXPECT_TRUE(failure.happened());
+    }
+    destroy();
+    EXPECT_EQ(mutexes.destroyedUnmade, 0);
+    EXPECT_THAT(mutexes.made, IsEmpty());
+}
+
 INSTANTIATE_TEST_SUITE_P(
     EveryAllocation, CloudCycleOutOfMemoryTest,
     testing::Values(
@@ -161,6 +214,22 @@ INSTANTIATE_TEST_SUITE_P(
         failing_step{"malloc", 4, -1, "(NULL == (cycle->cloudSocket = cloud_socket_init()))"},
         failing_step{"calloc", 1, -1,
                      "(NULL == (cycle->msgQueue = cloud_mq_init(MQ_INIT_NUMBER_DEFAULT)))"}));
+
+TEST_F(CloudCycleTest, DestroyOfARefusedRecordLeavesItsMutexAlone) {
+    mutex_watch mutexes;
+    EXPECT_EQ(cloud_cycle_init(nullptr, PORT, cycle), 100);
+    destroy();
+    EXPECT_EQ(mutexes.destroyedUnmade, 0);
+}
+
+TEST_F(CloudCycleTest, DestroyOfACompleteRecordDestroysEveryMutexOnce) {
+    mutex_watch mutexes;
+    ASSERT_EQ(cloud_cycle_init(SERVER, PORT, cycle), 0);
+    EXPECT_THAT(mutexes.made, Contains(&cycle->lock));
+    destroy();
+    EXPECT_EQ(mutexes.destroyedUnmade, 0);
+    EXPECT_THAT(mutexes.made, IsEmpty());
+}
 
 TEST_F(CloudCycleTest, DestroyReleasesSocketQueueAndExchangesInThatOrder) {
     ASSERT_EQ(cloud_cycle_init(SERVER, PORT, cycle), 0);

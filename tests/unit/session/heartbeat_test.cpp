@@ -240,6 +240,47 @@ TEST_F(HeartbeatTest, AReplyAfterSixSecondsDoesNotClearTheCount) {
     EXPECT_EQ(cycle->heartbeatStatus, HEARTBEAT_SENT);
 }
 
+// --- time in which the worker was busy, so that no reply could be seen
+
+TEST_F(HeartbeatTest, AnAnsweredOneIsFollowedAfterTheIntervalHoweverBusyTheWorkerWas) {
+    turn();
+    cycle->blindTime += 50000;
+    ASSERT_EQ(answer(1), 0);
+    turn_after_send(INTERVAL_MS);
+    EXPECT_EQ(inserted(), 2);
+    EXPECT_THAT(said(), IsEmpty());
+}
+
+TEST_F(HeartbeatTest, AnUnansweredOneCountsLaterByTheTimeThatTheWorkerWasBusy) {
+    turn();
+    cycle->blindTime += 8000;
+    turn_after_send(INTERVAL_MS + 8000 - 2000);
+    EXPECT_THAT(said(), IsEmpty());
+    EXPECT_EQ(inserted(), 1);
+    turn_after_send(INTERVAL_MS + 8000);
+    EXPECT_THAT(said(), ElementsAre(timeout_message(1)));
+    EXPECT_EQ(inserted(), 2);
+}
+
+TEST_F(HeartbeatTest, ARepeatCountsLaterByTheTimeThatTheWorkerWasBusy) {
+    turn();
+    turn_after_send(INTERVAL_MS);
+    cycle->blindTime += 8000;
+    turn_after_send(REPLY_TIMEOUT_MS + 8000 - 2000);
+    EXPECT_THAT(said(), ElementsAre(timeout_message(1)));
+    turn_after_send(REPLY_TIMEOUT_MS + 8000 + 1);
+    EXPECT_THAT(said(), ElementsAre(timeout_message(1), timeout_message(2)));
+}
+
+TEST_F(HeartbeatTest, TheBusyTimeBeforeASendOrAResetDoesNotCount) {
+    cycle->blindTime = 8000;
+    cloud_heartbeat_send_record(cycle);
+    EXPECT_EQ(cycle->blindTime, 0);
+    cycle->blindTime = 8000;
+    cloud_heartbeat_reset_record(cycle);
+    EXPECT_EQ(cycle->blindTime, 0);
+}
+
 // Not with the times that a cycle is made with, but the rule does not depend on them.
 TEST_F(HeartbeatTest, AnIntervalShorterThanTheReplyTimeoutRepeatsWithoutCounting) {
     cycle->heartbeatInterval = REPLY_TIMEOUT_MS / 5;
