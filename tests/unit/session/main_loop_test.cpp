@@ -371,6 +371,50 @@ TEST_F(MainLoopTest, AFailedWaitIsLoggedAndTheNextTurnGoesOn) {
     EXPECT_EQ(log.count(loop_error("[CRC:] select error Interrupted system call")), 1U);
 }
 
+// --- waits that do not work ---
+
+TEST_F(MainLoopTest, AWaitThatKeepsFailingTakesATurnsTimeEachTime) {
+    start();
+    settle();
+    auto begin = steady::now();
+    {
+        lasting_failure failure("select", EBADF);
+        ASSERT_TRUE(eventually([&] { return failure.count() >= 6; }));
+    }
+    EXPECT_GE(steady::now() - begin, 5 * std::chrono::milliseconds(200));
+    settle();
+    EXPECT_TRUE(log.has(loop_error("[CRC:] select error Bad file descriptor")));
+}
+
+TEST_F(MainLoopTest, AnInterruptedWaitIsRepeatedAtOnce) {
+    start();
+    settle();
+    auto begin = steady::now();
+    {
+        lasting_failure failure("select", EINTR);
+        ASSERT_TRUE(eventually([&] { return failure.count() >= 100; }));
+    }
+    EXPECT_LT(steady::now() - begin, std::chrono::seconds(10)) << "turns of 200 ms take 20 s";
+    settle();
+}
+
+// As when a key update is to be answered while the connection takes nothing.
+TEST_F(MainLoopTest, APacketBehindTlsThatWantsToWriteIsWaitedForWithPauses) {
+    start();
+    settle();
+    auto begin = steady::now();
+    {
+        lasting_failure wantsToWrite("wolfSSL_get_error", EAGAIN);
+        lasting_failure noPeek("wolfSSL_peek", EAGAIN);
+        relay.send(packet_bytes({PACKET_HELLO, 77, ""}));
+        ASSERT_TRUE(eventually([&] { return noPeek.count() >= 20; }));
+        EXPECT_GE(steady::now() - begin, 19 * std::chrono::milliseconds(20));
+        EXPECT_FALSE(log.has(plain_line("[CRC:] parse req, id      : 77\r")));
+    }
+    EXPECT_TRUE(log.gets(plain_line("[CRC:] parse req, id      : 77\r")));
+    settle();
+}
+
 // --- the idle watchdog ---
 
 class IdleTest : public MainLoopTest {
@@ -503,7 +547,7 @@ TEST_F(HeartbeatLifeTest, AReplyAfterTimeOutsKeepsTheSession) {
 TEST_F(HeartbeatLifeTest, ALateReplyEndsTheSession) {
     start();
     expect_heartbeat(1);
-    settle();
+    rest();
     clock.move(6000);
     answer_heartbeat(1);
     expect_ended_by(-1);

@@ -95,13 +95,20 @@ protected:
     }
 
     // Waits until the session has handled all that the relay has sent so far, and until the turn
-    // that did so is over.
+    // before the last of it is over.
     void settle() {
         for (int turn = 0; turn < 2; turn++) {
             relay.send(packet_bytes({PACKET_RESPONSE, 0, "", MARK}));
             marks++;
             ASSERT_TRUE(log.gets(plain_line(mark_line()), marks));
         }
+    }
+
+    // The same, and that the session waits: time that passes now passes while it is not busy.
+    void rest() {
+        settle();
+        int waits = calls_made("select");
+        ASSERT_TRUE(eventually([&] { return calls_made("select") > waits; }));
     }
 
     // Reads a heartbeat, which must be the one with that identifier.
