@@ -2,8 +2,14 @@
 
 #include "session/web_token.h"
 
+#include <fcntl.h>
+#include <future>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "core/cloud_cycle_record.h"
 #include "queue/cloud_remote_mq.h"
+#include "support/eventually.h"
 #include "support/failing_calls.h"
 #include "support/log_capture.h"
 #include "support/namespaces.h"
@@ -116,6 +122,29 @@ TEST_F(WebTokenTest, AHelperThatIsMissingOrFailsGivesAnEmptyToken) {
     remove_file(TOKEN_HELPER);
     EXPECT_EQ(request(BODY), 0);
     EXPECT_EQ(reply().body, token_body(0, ""));
+}
+
+// What it has printed does not count either.
+TEST_F(WebTokenTest, AHelperThatHangsIsEndedAfterTenSecondsAndGivesAnEmptyToken) {
+    constexpr char GATE[] = "/run/gate";
+    install_token_helper("io.write('half') io.stdout:flush() io.open('/run/gate'):read()");
+    unlink(GATE);
+    ASSERT_EQ(mkfifo(GATE, 0600), 0);
+    moved_clock clock;
+    auto result = std::async(std::launch::async, [this] { return request(BODY); });
+    int gate = -1;
+    ASSERT_TRUE(eventually([&] {
+        gate = open(GATE, O_WRONLY | O_NONBLOCK | O_CLOEXEC); // fails until the helper reads
+        return gate >= 0;
+    }));
+    clock.move(9000);
+    int64_t readings = clock.readings();
+    EXPECT_TRUE(eventually([&] { return clock.readings() > readings + 2; }));
+    EXPECT_EQ(result.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+    clock.move(1001);
+    EXPECT_EQ(result.get(), 0);
+    EXPECT_EQ(reply(), (packet{PACKET_WEB_TOKEN, ID, token_body(0, "")}));
+    close(gate);
 }
 
 TEST_F(WebTokenTest, AHelperThatCannotBeStartedIsAnsweredAndEndsTheSession) {
