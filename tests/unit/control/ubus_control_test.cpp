@@ -30,6 +30,7 @@ constexpr int MISSING_ARGUMENT = -1;
 constexpr char RETRY_MESSAGE[] = "failed to reconnect, trying again in 2 seconds\n";
 
 ubus_connect_handler_t connection_lost_of_freed = nullptr;
+int signalBeforeLoop = 0; // raised right before the event loop begins to run
 
 int run_ubus_init() {
     return ubus_init() == 0 ? 0 : 1;
@@ -44,6 +45,8 @@ int run_control_side() {
 
 extern "C" void __real_ubus_free(ubus_context* context);
 extern "C" void __wrap_ubus_free(ubus_context* context);
+extern "C" int __real_uloop_run_timeout(int timeout);
+extern "C" int __wrap_uloop_run_timeout(int timeout);
 
 // Remembers the callback that nobody else can reach.
 extern "C" void __wrap_ubus_free(ubus_context* context) {
@@ -51,6 +54,13 @@ extern "C" void __wrap_ubus_free(ubus_context* context) {
         connection_lost_of_freed = context->connection_lost;
     }
     __real_ubus_free(context);
+}
+
+extern "C" int __wrap_uloop_run_timeout(int timeout) {
+    if (signalBeforeLoop != 0) {
+        raise(signalBeforeLoop);
+    }
+    return __real_uloop_run_timeout(timeout);
 }
 
 namespace {
@@ -142,6 +152,18 @@ TEST_F(UbusControlTest, ReturnsZeroAndLeavesTheBusWhenTheLoopIsEnded) {
     daemon->signal(SIGTERM);
     EXPECT_EQ(daemon->exit_code(), 0);
     EXPECT_TRUE(eventually([&] { return !client->sees_object(); }));
+    EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(UbusControlTest, EndsTheLoopForASignalThatCameBeforeItRan) {
+    broker.emplace();
+    for (int number : {SIGTERM, SIGINT}) {
+        daemon.emplace([number] {
+            signalBeforeLoop = number;
+            return run_ubus_init();
+        });
+        EXPECT_EQ(daemon->exit_code(), 0);
+    }
     EXPECT_THAT(log.lines(), IsEmpty());
 }
 
