@@ -156,7 +156,7 @@ void _turn(cloud_cycle_t* cycle) {
 // stands: a successful connect forgets the stops that came before.
 struct session_wishes {
     explicit session_wishes(const cloud_cycle_t* ofCycle) : cycle(ofCycle) {
-        thread_wishes_set({nullptr, &cycle->letGo});
+        thread_wishes_set({nullptr, cycle != nullptr ? &cycle->letGo : nullptr});
     }
     ~session_wishes() { thread_wishes_set({}); }
     session_wishes(const session_wishes&) = delete;
