@@ -378,8 +378,8 @@ TEST_F(MainLoopTest, AWaitThatKeepsFailingTakesATurnsTimeEachTime) {
     settle();
     auto begin = steady::now();
     {
-        lasting_failure failure("select", EBADF);
-        ASSERT_TRUE(eventually([&] { return failure.count() >= 6; }));
+        fail_every_call failure("select", EBADF);
+        ASSERT_TRUE(eventually([&] { return failure.times() >= 6; }));
     }
     EXPECT_GE(steady::now() - begin, 5 * std::chrono::milliseconds(200));
     settle();
@@ -391,8 +391,8 @@ TEST_F(MainLoopTest, AnInterruptedWaitIsRepeatedAtOnce) {
     settle();
     auto begin = steady::now();
     {
-        lasting_failure failure("select", EINTR);
-        ASSERT_TRUE(eventually([&] { return failure.count() >= 100; }));
+        fail_every_call failure("select", EINTR);
+        ASSERT_TRUE(eventually([&] { return failure.times() >= 100; }));
     }
     EXPECT_LT(steady::now() - begin, std::chrono::seconds(10)) << "turns of 200 ms take 20 s";
     settle();
@@ -404,8 +404,7 @@ TEST_F(MainLoopTest, APacketBehindTlsThatWantsToWriteIsWaitedForWithPauses) {
     settle();
     auto begin = steady::now();
     {
-        lasting_failure wantsToWrite("wolfSSL_get_error", EAGAIN);
-        lasting_failure noPeek("wolfSSL_peek", EAGAIN);
+        forced_tls noPeek("wolfSSL_peek", -1, TLS_WANT_WRITE);
         relay.send(packet_bytes({PACKET_HELLO, 77, ""}));
         ASSERT_TRUE(eventually([&] { return noPeek.count() >= 20; }));
         EXPECT_GE(steady::now() - begin, 19 * std::chrono::milliseconds(20));

@@ -11,6 +11,7 @@
 #include "session/main_loop.h"
 #include "support/eventually.h"
 #include "support/failing_calls.h"
+#include "support/forced_tls.h"
 #include "support/log_capture.h"
 #include "support/namespaces.h"
 #include "support/tls_peer.h"
@@ -107,8 +108,8 @@ protected:
     // The same, and that the session waits: time that passes now passes while it is not busy.
     void rest() {
         settle();
-        int waits = calls_made("select");
-        ASSERT_TRUE(eventually([&] { return calls_made("select") > waits; }));
+        counted_calls waits("select");
+        ASSERT_TRUE(eventually([&] { return waits.count() > 0; }));
     }
 
     // Reads a heartbeat, which must be the one with that identifier.
