@@ -26,9 +26,13 @@ set(not_emulated
     TwoUplinks.TheWalkGoesOnPastADeviceThatDoesNotConnect
     # What is resident is its own memory as well.
     remote_mq_response.of_20_megabytes_costs_20_megabytes
+    answer_block.of_64_megabytes_grows_in_place
     # Its threads are so slow that a line may be lost, as it should be then.
     OfEveryKind/SlowOutput.*
+    # It does not know TCP_INFO.
+    ConnectedSocket.RecordsOfALargePacketShareSegments
     # It does not pass on a limit of the address space.
+    answer_block.uses_a_limited_address_space_to_its_end
     PacketAllocate.IsNullForALengthBeyondTheProcessLimit
     RelayPacket.AClaimBeyondTheProcessLimitIsRefused)
 if(CMAKE_CXX_BYTE_ORDER STREQUAL BIG_ENDIAN)

@@ -10,8 +10,8 @@
 //
 // Owner: the cloud cycle. Threads: the worker's. The mutex serialises whole packets; the calls of
 // this module take no lock, their callers know when they are alone. A worker that is let go
-// (core/wanted.h) waits for its peer no longer: connects, reads and stalled writes fail within
-// LOOK_MS. Time-outs are in milliseconds.
+// (core/wanted.h) waits for its peer no longer: connects and reads fail within LOOK_MS, writes as
+// cloud_socket_send_buf says. Time-outs are in milliseconds.
 
 #define DFLT_CER_FILE_PATH "/etc/cloud-sdk/velmora-root-CA.pem"
 

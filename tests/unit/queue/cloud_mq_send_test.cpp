@@ -68,6 +68,17 @@ TEST_F(cloud_mq_sending, a_heartbeat_leaves_as_it_was_queued_and_is_booked) {
                 ElementsAre(info_line("cloud_mq_send_request", "[CRC:] Send requset ok.")));
 }
 
+TEST_F(cloud_mq_sending, a_heartbeats_reply_is_booked_on_the_cycle_that_owns_the_queue) {
+    relay_session other;
+    insert(7);
+    EXPECT_EQ(send(), 1);
+    EXPECT_EQ(cloud_mq_set_response(mq, 7, packet_block(HEARTBEAT, 7), HEADER_BYTES), 0);
+    EXPECT_EQ(session.cycle->heartbeatStatus, HEARTBEAT_ANSWERED);
+    EXPECT_GE(session.cycle->heartbeatRecvTime, session.cycle->heartbeatSendTime);
+    EXPECT_EQ(other.cycle->heartbeatStatus, HEARTBEAT_IDLE);
+    EXPECT_EQ(other.cycle->heartbeatRecvTime, 0);
+}
+
 TEST_F(cloud_mq_sending, another_message_is_no_heartbeat) {
     insert(7, WEB_TOKEN);
     EXPECT_EQ(send(), 1);

@@ -309,6 +309,32 @@ TEST_F(cloud_mq, a_reply_is_in_time_for_the_whole_of_the_timeout) {
     EXPECT_EQ(respond(second), -1);
 }
 
+TEST_F(cloud_mq, forgives_sent_messages_the_time_in_which_no_reply_could_be_seen) {
+    moved_clock clock;
+    clock.stop();
+    int first = insert();
+    int second = insert();
+    slot(0).status = CLOUD_MQ_SENT;
+    slot(1).status = CLOUD_MQ_SENT;
+    cloud_mq_forgive(mq.get(), 3000);
+    cloud_mq_forgive(mq.get(), 100); // which adds up
+    clock.move(TIMEOUT_MS + 3100);
+    EXPECT_EQ(respond(first), 0);
+    clock.move(1);
+    EXPECT_EQ(respond(second), -1);
+}
+
+TEST_F(cloud_mq, forgives_no_message_that_awaits_nothing) {
+    insert();
+    respond(insert());
+    cloud_mq_forgive(mq.get(), 3000);
+    EXPECT_EQ(slot(0).status, CLOUD_MQ_READY);
+    EXPECT_EQ(slot(0).timeout, TIMEOUT_MS);
+    EXPECT_EQ(slot(1).status, CLOUD_MQ_ANSWERED);
+    EXPECT_EQ(slot(1).timeout, TIMEOUT_MS);
+    EXPECT_EQ(slot(2).timeout, 0);
+}
+
 TEST_F(cloud_mq, a_reply_to_nothing_stays_with_the_caller) {
     insert();
     log.clear();

@@ -339,6 +339,46 @@ TEST_F(remote_mq_request, that_a_stalling_web_server_does_not_take_is_still_read
         error_line(SEND_TO_WEB, "Send remot request to web-server err, Connection timed out.")));
 }
 
+TEST_F(remote_mq_request, that_a_slow_web_server_takes_arrives_whole) {
+    constexpr size_t STEPS = 8; // nine seconds apart: 72 s in all
+    const std::string body = patterned_bytes(1024 * PIECE);
+    session.relay.send(body);
+    moved_clock clock;
+    auto result = std::async(std::launch::async, [&] {
+        return handle_request(session, header_bytes(REQUEST, 1, body.size()), FOR_EVER);
+    });
+    web_connection exchange = web.accept();
+    std::string received;
+    for (size_t step = 0; step < STEPS; step++) {
+        EXPECT_TRUE(eventually([&] {
+            return is_stalled(exchange) ||
+                   result.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+        }));
+        clock.move(9000);
+        received += exchange.read_exact(body.size() / STEPS);
+    }
+    EXPECT_EQ(result.get(), 0);
+    EXPECT_TRUE(received == body);
+    EXPECT_EQ(node()->status, REMOTE_MQ_FORWARDED);
+}
+
+TEST_F(remote_mq_request, is_not_read_to_its_end_when_the_session_is_to_end) {
+    const std::string body = patterned_bytes(1000 * PIECE); // more than sockets hold
+    session.relay.send(body.substr(1));                     // the rest would have to be waited for
+    worker_wishes wishes;
+    auto result = std::async(std::launch::async, [&] {
+        wishes.adopt();
+        return handle_request(session, header_bytes(REQUEST, 1, body.size()));
+    });
+    web_connection exchange = web.accept(); // and reads nothing
+    EXPECT_TRUE(eventually([&] { return is_stalled(exchange); }));
+    wishes.stop = 1;
+    EXPECT_EQ(result.get(), -1);
+    EXPECT_TRUE(log.has(
+        error_line(SEND_TO_WEB, "Send remot request to web-server err, Operation canceled.")));
+    EXPECT_TRUE(is_socket_lock_free());
+}
+
 TEST_F(remote_mq_request, of_a_slow_relay_is_not_held_against_the_web_server) {
     moved_clock clock;
     session.relay.send(std::string(PIECE, 'a'));

@@ -1,9 +1,9 @@
 // Answers on their way from the web server to the relay.
 
-#include <fstream>
 #include <malloc.h>
 
 #include "queue/web_server.h"
+#include "support/resident_memory.h"
 #include "unit/queue/remote_requests.h"
 
 using testing::ElementsAre;
@@ -139,11 +139,8 @@ TEST_F(remote_mq_response, ends_when_the_web_server_ends_its_side_alone) {
 
 // The router has little memory: an answer costs its own size once, also while it grows.
 TEST_F(remote_mq_response, of_20_megabytes_costs_20_megabytes) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "the sanitizers' allocators have costs of their own";
-#endif
-    if (getenv("LD_PRELOAD") != nullptr && strstr(getenv("LD_PRELOAD"), "valgrind") != nullptr) {
-        GTEST_SKIP() << "valgrind's allocator has costs of its own";
+    if (!resident_memory_is_our_own()) {
+        GTEST_SKIP() << "the allocator has costs of its own";
     }
     constexpr size_t SIZE = 20 * 1000 * 1000;
     constexpr size_t PIECE = 1000 * 1000;
@@ -151,15 +148,6 @@ TEST_F(remote_mq_response, of_20_megabytes_costs_20_megabytes) {
     mallopt(M_MMAP_THRESHOLD, 128 * 1024); // as the daemon sets it
     const std::string piece = patterned_bytes(PIECE);
     web_connection exchange = await_answer(1);
-    auto resident = [](const std::string& field) {
-        std::ifstream status("/proc/self/status");
-        for (std::string line; std::getline(status, line);) {
-            if (line.starts_with(field)) {
-                return std::stoul(line.substr(field.size()));
-            }
-        }
-        return 0ul;
-    };
     verb_queue server;
     server.post([&] {
         for (size_t sent = 0; sent < SIZE; sent += PIECE) {
@@ -174,15 +162,15 @@ TEST_F(remote_mq_response, of_20_megabytes_costs_20_megabytes) {
         }
         return same;
     });
-    std::ofstream("/proc/self/clear_refs") << "5"; // the peak starts anew
-    size_t before = resident("VmRSS:");
+    reset_resident_peak();
+    size_t before = resident_kib();
     EXPECT_EQ(relay_answers(session), 0);
-    size_t peak = resident("VmHWM:");
+    size_t peak = resident_peak_kib();
     EXPECT_TRUE(relayed.get());
     EXPECT_LT(peak - before, SIZE / 1024 + ALLOWANCE_KB);
     EXPECT_GT(peak - before, SIZE / 1024 - ALLOWANCE_KB); // or the measure is none
     cloud_remote_mq_remove();
-    EXPECT_LT(resident("VmRSS:") - before, ALLOWANCE_KB); // and all of it is given back
+    EXPECT_LT(resident_kib() - before, ALLOWANCE_KB); // and all of it is given back
 }
 
 // --- Which answers are read
@@ -433,6 +421,21 @@ TEST_F(remote_mq_response, without_memory_to_grow_fails) {
     server.post([&] { exchange.answer(patterned_bytes(50000)); });
     {
         fail_call noMemory("realloc", 1);
+        EXPECT_EQ(relay_answers(session), 101);
+    }
+    EXPECT_THAT(logged(),
+                ElementsAre(error_line(RECV_RESPONSE, "[CRC:] Out of memory."),
+                            error_line(RECV_RESPONSE, FAILED),
+                            error_line(HANDLE_RESPONSE, std::string("E - 101 call ") + CALL_RECV)));
+    expect_failed();
+}
+
+TEST_F(remote_mq_response, that_the_routers_memory_does_not_hold_fails) {
+    web_connection exchange = await_answer(1);
+    verb_queue server;
+    server.post([&] { exchange.answer(patterned_bytes(50000)); });
+    {
+        shown_file low("/proc/meminfo", "MemTotal: 65536 kB\nMemAvailable: 4096 kB\n");
         EXPECT_EQ(relay_answers(session), 101);
     }
     EXPECT_THAT(logged(),

@@ -7,6 +7,7 @@
 #include "control/start_up.h"
 #include "queue/cloud_remote_mq.h"
 #include "support/eventually.h"
+#include "support/failing_calls.h"
 #include "support/log_capture.h"
 #include "support/namespaces.h"
 #include "support/tls_peer.h"
@@ -21,6 +22,9 @@ constexpr char START[] = "swCloudRelayClientTaskStart";
 constexpr char RESTART[] = "_swCloudRelayClientTaskRestart";
 constexpr char TASK_EXIT[] = "[CRC:] CloudRelayClient task exit.";
 constexpr char TASK_CREATED[] = "[CRC:] Create cloudRelayClient task ok";
+
+// While set, no cycle can be stopped; the test's thread alone stops cycles.
+inline bool isStopFailing = false;
 
 // The controller, with relays that the test plays. Each test leaves it idle.
 class ControlledTask : public testing::Test {
@@ -66,6 +70,21 @@ protected:
     bool all_workers_exit() const {
         return eventually(
             [&] { return log.count(worker_exits()) == log.count(info_line(INIT, TASK_CREATED)); });
+    }
+
+    // Lets the worker go without the pause of a restart: one that cannot stop its session.
+    static void let_go_of_worker() {
+        isStopFailing = true;
+        EXPECT_EQ(start(1), 8);
+        isStopFailing = false;
+    }
+
+    // A restart that makes no pause.
+    static int restart_at_once(const char* host, int port) {
+        fail_call pause("clock_nanosleep");
+        int result = swCloudRelayClientTaskStart(host, static_cast<uint32_t>(port));
+        EXPECT_TRUE(pause.happened());
+        return result;
     }
 
     // The session goes on: the relay's packet is handled.

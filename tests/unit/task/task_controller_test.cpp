@@ -21,8 +21,6 @@ const bool isPrivate = private_namespaces();
 
 using TaskControllerTest = ControlledTask;
 
-bool isStopFailing = false; // the next stops of a cycle; the test's thread alone stops cycles
-
 } // namespace
 
 extern "C" int __real__Z16cloud_cycle_stopP13cloud_cycle_t(cloud_cycle_t* cycle);
@@ -221,6 +219,22 @@ TEST_F(TaskControllerTest, AStopThatTheCycleRefusesIsCodeSeven) {
 
     EXPECT_EQ(swCloudRelayClientTaskStop(), 0);
     EXPECT_TRUE(log.gets(worker_exits()));
+}
+
+// The worker goes on with its cycle, so the restart must not free it; the address sanitizer
+// watches.
+TEST_F(TaskControllerTest, ARestartThatCannotStopTheSessionLeavesItsEndToTheWorker) {
+    tls_peer relay;
+    start_session(relay);
+    EXPECT_EQ(relay.read_packet().type, PACKET_HEARTBEAT);
+    let_go_of_worker();
+    EXPECT_EQ(log.messages(RESTART).back(), "[CRC:] Create cloud-brd-task failed");
+    EXPECT_THAT(log.messages(RESTART),
+                Contains("E - 1 call _swCloudRelayClientTaskStop() failed."));
+    EXPECT_TRUE(eventually([&] { return log.has(worker_exits()); }, std::chrono::seconds(1)));
+    EXPECT_TRUE(relay.is_closed_in_order());
+    EXPECT_EQ(log.count(info_line("cloud_cycle_destroy", "[CRC:] Destroy cloud-cycle end.")), 1U);
+    expect_idle();
 }
 
 TEST_F(TaskControllerTest, StoppingTwiceIsFine) {

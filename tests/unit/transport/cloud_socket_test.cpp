@@ -1,5 +1,6 @@
 #include "transport/cloud_socket.h"
 
+#include <atomic>
 #include <chrono>
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -11,8 +12,10 @@
 #include "connected_socket.h"
 #include "support/eventually.h"
 #include "support/failing_calls.h"
+#include "support/forced_tls.h"
 #include "support/high_descriptors.h"
 #include "support/tcp.h"
+#include "support/worker_wishes.h"
 
 namespace {
 
@@ -352,6 +355,101 @@ TEST_F(CloudSocket, AHandshakeGoesOnAfterAnInterruptedWait) {
     relay.hello_tls();
     client.join();
     EXPECT_EQ(result, 0);
+}
+
+// The library ends so when an allocation fails, and its result is not always -1 then.
+TEST_F(CloudSocket, AHandshakeThatRunsOutOfMemoryIsAFailure) {
+    for (int result : {-1, 0, TLS_NO_MEMORY}) {
+        log.clear();
+        tls_peer relay;
+        relay.accept();
+        forced_tls handshake("wolfSSL_connect", result, TLS_NO_MEMORY, 1);
+        EXPECT_EQ(connect(relay.port()), -1) << result;
+        EXPECT_EQ(handshake.count(), 1);
+        EXPECT_THAT(log.lines(),
+                    Contains(error_line(CONNECT, "[CRC:] ssl connect error, err: -125")));
+        EXPECT_TRUE(is_closed()) << result;
+    }
+}
+
+TEST_F(CloudSocket, AHandshakeEndsAtAWaitThatFailsForGood) {
+    constexpr int64_t TIMEOUT = 1000;
+    for (int error : {EBADF, ENOMEM}) {
+        log.clear();
+        tls_peer relay;
+        relay.accept_tcp();
+        fail_call failure("select", 2, calls_of::this_thread, error); // after the TCP connect's
+        auto start = clock_type::now();
+        EXPECT_EQ(connect(relay.port(), TIMEOUT), -1);
+        EXPECT_LT(ms_since(start), 7 * TIMEOUT);
+        EXPECT_TRUE(failure.happened());
+        EXPECT_THAT(log.lines(), Contains(error_line(CONNECT, "[CRC:] ssl connect timeout")));
+        EXPECT_TRUE(is_closed());
+    }
+}
+
+TEST_F(CloudSocket, ATcpConnectOfUnknownOutcomeIsAFailure) {
+    tls_peer relay;
+    relay.accept();
+    fail_call failure("getsockopt");
+    EXPECT_EQ(connect(relay.port()), -1);
+    EXPECT_TRUE(failure.happened());
+    EXPECT_THAT(log.lines(),
+                Contains(error_line(CONNECT, "[CRC:] socket connect select device failed, errno:" +
+                                                 std::to_string(ENOBUFS) + "\n")));
+    EXPECT_TRUE(is_closed());
+}
+
+// --- a worker that is let go ---
+
+// A connect on a thread of its own.
+struct ConnectingWorker : CloudSocket {
+    static constexpr int64_t TIMEOUT = 5000;
+    static constexpr std::chrono::milliseconds PROMPTLY{1000};
+
+    void connect_to(int port) {
+        worker = std::thread([this, port] {
+            wishes.adopt();
+            result = connect(port, TIMEOUT);
+            ended = true;
+        });
+    }
+
+    // Lets the worker go and gives what the connect returns.
+    int let_go() {
+        EXPECT_FALSE(ended);
+        wishes.letGo = 1;
+        EXPECT_TRUE(eventually([this] { return ended.load(); }, PROMPTLY));
+        worker.join();
+        return result;
+    }
+
+    worker_wishes wishes;
+    std::thread worker;
+    std::atomic<bool> ended = false;
+    int result = 0;
+};
+
+TEST_F(ConnectingWorker, EndsItsTcpConnectWithinASecond) {
+    deaf_listener deaf;
+    counted_calls waits("select");
+    connect_to(deaf.port());
+    EXPECT_TRUE(eventually([&] { return waits.count() > 0; }));
+    EXPECT_EQ(let_go(), -1);
+    EXPECT_THAT(log.messages("connect_nonblock"),
+                ElementsAre("[CRC:] select error, result:0, errno:Connection timed out"));
+    EXPECT_TRUE(is_closed());
+}
+
+TEST_F(ConnectingWorker, EndsItsTlsHandshakeWithinASecond) {
+    tls_peer relay;
+    relay.accept_tcp();
+    counted_calls waits("select");
+    connect_to(relay.port());
+    EXPECT_TRUE(eventually([&] { return waits.count() > 1; })); // the first is the TCP connect's
+    EXPECT_EQ(let_go(), -1);
+    EXPECT_THAT(log.lines(), Contains(error_line(CONNECT, "[CRC:] ssl connect timeout")));
+    EXPECT_TRUE(is_closed());
 }
 
 TEST_F(CloudSocket, ADescriptorThatNoSetHoldsIsRefused) {

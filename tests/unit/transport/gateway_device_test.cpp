@@ -4,16 +4,20 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <filesystem>
 #include <gmock/gmock.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
 
+#include "core/clock.h"
 #include "gateway_fixture.h"
 #include "support/eventually.h"
 #include "support/failing_calls.h"
 #include "support/tcp.h"
 #include "support/uplink.h"
+#include "support/worker_wishes.h"
 
 namespace {
 
@@ -307,38 +311,177 @@ TEST_F(SelectDevice, NoNewSocketAfterTheReservedDeviceEndsTheSearch) {
     EXPECT_EQ(connect_to("127.0.0.1", port), -1); // no lock is left behind
 }
 
-// For a process of its own: the lock that it leaves held could not be taken by another test.
-struct WalkWithoutSockets : SelectDevice {
-    // Ends the process, with 0 when everything was as it should be.
-    [[noreturn]] void run_in_child(int port) {
-        show_routes(route("eth0") + route("lo"));
-        constexpr std::chrono::milliseconds LONG_ENOUGH{300};
-        const std::vector<std::string> expected = {NO_RESERVED, std::string(TRY) + "lo\n",
-                                                   BOUND,       "[CRC:] connect_nonblock failed\n ",
-                                                   RENEW,       searched_in_vain(EMFILE)};
-        bool failed = false;
-        {
-            fail_call failure("socket");
-            failed = connect_to("127.0.0.1", port) == -1 && failure.happened();
-        }
-        bool asSaid = said() == expected;
-        bool closed = socket->sockfd == -1;
-        std::atomic<bool> done = false;
-        std::thread([&] {
-            socket->sockfd = ::socket(AF_INET, SOCK_STREAM, 0);
-            connect_to("127.0.0.1", port);
-            done = true;
-        }).detach();
-        bool locked = !eventually([&] { return done.load(); }, LONG_ENOUGH);
-        fprintf(stderr, "failed %d, as said %d, closed %d, locked %d\n", failed, asSaid, closed,
-                locked);
-        _exit(failed && asSaid && closed && locked ? 0 : 1);
+// --- the lock that a search without descriptors leaves held ---
+
+// The lock stays held for good, so each test runs in a process of its own.
+struct HeldGatewayLock : SelectDevice {
+    static constexpr std::chrono::milliseconds PROMPTLY{1000};
+
+    template <class Test>
+    static void alone(Test test) {
+        EXPECT_EXIT(
+            {
+                alarm(2 * PATIENCE_MS / 1000); // a wait for the lock without end
+                show_routes(route("eth0") + route("lo"));
+                test();
+                _exit(HasFailure() ? 1 : 0);
+            },
+            testing::ExitedWithCode(0), "");
     }
+
+    // A search of another worker runs out of descriptors.
+    void hold_lock() const {
+        std::thread([this] {
+            cloud_socket_t* other = cloud_socket_init();
+            other->sockfd = ::socket(AF_INET, SOCK_STREAM, 0);
+            // With a reserved device the first new socket is still to be had.
+            fail_call failure("socket", reserved().empty() ? 1 : 2);
+            EXPECT_EQ(connect(other, PATIENCE_MS), -1);
+            EXPECT_TRUE(failure.happened());
+            EXPECT_EQ(other->sockfd, -1);
+            cloud_socket_destroy(other);
+        }).join();
+    }
+
+    // A worker's search, toward a relay that refuses.
+    int connect(cloud_socket_t* connecting, int64_t timeout) const {
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<uint16_t>(port));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        return socket_connect_select_device(connecting, &address, timeout);
+    }
+
+    // Has a worker search once the lock is held, right before it calls `step`, and waits until it
+    // waits for the lock, having logged `last`. Lets it go then: it must give up promptly.
+    void expect_search_ends_when_let_go(const char* step, const std::string& last) {
+        moved_clock clock;
+        worker_wishes wishes;
+        std::atomic<bool> ended = false;
+        std::thread worker([&] {
+            wishes.adopt();
+            before_call hook(step, [this] { hold_lock(); });
+            EXPECT_EQ(connect(socket, PATIENCE_MS), -1);
+            ended = true;
+        });
+        EXPECT_TRUE(eventually([&] { return !said().empty() && said().back() == last; }));
+        int64_t readings = clock.readings();
+        EXPECT_TRUE(eventually([&] { return clock.readings() > readings + 2; })) << "it waits";
+        EXPECT_FALSE(ended);
+        wishes.letGo = 1;
+        EXPECT_TRUE(eventually([&] { return ended.load(); }, PROMPTLY));
+        worker.join();
+    }
+
+    // The milliseconds that such a search takes by itself.
+    int64_t search_before(const char* step, int64_t timeout) {
+        before_call hook(step, [this] { hold_lock(); });
+        int64_t start = cloud_now_ms();
+        EXPECT_EQ(connect(socket, timeout), -1);
+        return cloud_now_ms() - start;
+    }
+
+    const int port = refusing_port();
 };
 
-TEST_F(WalkWithoutSockets, EndsWithTheLockHeld) {
-    int port = refusing_port();
-    EXPECT_EXIT(run_in_child(port), testing::ExitedWithCode(0), "");
+constexpr char BEFORE_TRYING[] = "getsockopt"; // of the plain connect, which fails
+constexpr char BEFORE_BINDING[] = "setsockopt";
+constexpr char BEFORE_RENEWING[] = "socket";
+constexpr char NOT_CONNECTED[] =
+    "[CRC:] connect_nonblock failed, clear the reserve_gateway_device!\n ";
+
+TEST_F(HeldGatewayLock, IsLeftBehindByASearchThatRunsOutOfDescriptors) {
+    alone([this] {
+        hold_lock();
+        EXPECT_THAT(said(), ElementsAre(NO_RESERVED, std::string(TRY) + "lo\n", BOUND,
+                                        "[CRC:] connect_nonblock failed\n ", RENEW,
+                                        searched_in_vain(EMFILE)));
+        log.clear();
+        EXPECT_EQ(connect(socket, SHORT_MS), -1);
+        EXPECT_EQ(errno, EBUSY);
+        EXPECT_THAT(said(), IsEmpty());
+    });
+}
+
+TEST_F(HeldGatewayLock, LetsPlainConnectsGoOn) {
+    alone([this] {
+        hold_lock();
+        int listener = listen_at();
+        EXPECT_EQ(connect_to("127.0.0.1", port_of(listener)), 0);
+        EXPECT_EQ(local_address(), "127.0.0.1");
+    });
+}
+
+TEST_F(HeldGatewayLock, IsWaitedForNoLongerThanTheTimeOutBeforeAnyDeviceIsTried) {
+    alone([this] {
+        EXPECT_GE(search_before(BEFORE_TRYING, SHORT_MS), SHORT_MS);
+        EXPECT_EQ(errno, EBUSY);
+    });
+}
+
+TEST_F(HeldGatewayLock, IsWaitedForNoLongerThanTheTimeOutAfterTheReservedDevice) {
+    alone([this] {
+        reserve("lo");
+        EXPECT_GE(search_before(BEFORE_BINDING, SHORT_MS), 2 * SHORT_MS); // and by the search
+        EXPECT_EQ(errno, EBUSY);
+        EXPECT_THAT(said().back(), RENEW);
+    });
+}
+
+TEST_F(HeldGatewayLock, IsWaitedForNoLongerThanTheTimeOutByTheSearch) {
+    alone([this] {
+        reserve("lo");
+        EXPECT_GE(search_before(BEFORE_RENEWING, SHORT_MS), SHORT_MS);
+        EXPECT_EQ(errno, EBUSY);
+        EXPECT_GE(socket->sockfd, 0);
+    });
+}
+
+TEST_F(HeldGatewayLock, IsNotWaitedForByAWorkerThatIsLetGoBeforeAnyDeviceIsTried) {
+    alone([this] {
+        expect_search_ends_when_let_go(BEFORE_TRYING, searched_in_vain(EMFILE)); // of the other
+    });
+}
+
+TEST_F(HeldGatewayLock, IsNotWaitedForByAWorkerThatIsLetGoAfterTheReservedDevice) {
+    alone([this] {
+        reserve("lo");
+        expect_search_ends_when_let_go(BEFORE_BINDING, NOT_CONNECTED);
+    });
+}
+
+TEST_F(HeldGatewayLock, IsNotWaitedForByAWorkerThatIsLetGoInItsSearch) {
+    alone([this] {
+        reserve("lo");
+        expect_search_ends_when_let_go(BEFORE_RENEWING, searched_in_vain(EMFILE));
+    });
+}
+
+// Entries of a folder of /proc, this look's own included.
+size_t entries(const char* folder) {
+    size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+        count += !entry.path().empty();
+    }
+    return count;
+}
+
+TEST_F(HeldGatewayLock, LeavesNothingOfAWorkerThatGaveUp) {
+    alone([this] {
+        hold_lock();
+        cloud_socket_t* tried = cloud_socket_init();
+        size_t descriptors = entries("/proc/self/fd");
+        size_t threads = entries("/proc/self/task");
+        std::thread([&] {
+            EXPECT_EQ(cloud_socket_connect(tried, "127.0.0.1", port, SHORT_MS), -1);
+        }).join();
+        EXPECT_EQ(tried->sockfd, -1);
+        EXPECT_EQ(tried->CTX, nullptr);
+        EXPECT_EQ(tried->SSL, nullptr);
+        EXPECT_EQ(entries("/proc/self/fd"), descriptors);
+        EXPECT_TRUE(eventually([&] { return entries("/proc/self/task") == threads; }));
+        cloud_socket_destroy(tried);
+    });
 }
 
 } // namespace

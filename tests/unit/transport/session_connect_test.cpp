@@ -163,6 +163,39 @@ TEST_F(SessionConnect, AServerNameThatDoesNotResolveIsUnreachable) {
     EXPECT_EQ(cycle->closeByCloud, 0);
 }
 
+// A name with so many addresses that they need a larger buffer than the first one.
+void write_hosts_of(const std::string& name) {
+    std::string hosts = "127.0.0.1 " + name + "\n";
+    for (int i = 0; i < 2000; i++) {
+        hosts += "127.7." + std::to_string(i / 250) + "." + std::to_string(1 + i % 250) + " " +
+                 name + "\n";
+    }
+    write_file("/etc/hosts", hosts);
+}
+
+TEST_F(SessionConnect, AServerNameMayHaveHundredsOfAddresses) {
+    write_hosts_of("relay.example");
+    make_cycle("relay.example", relay.port());
+    expect_device();
+    EXPECT_EQ(cloud_session_connect(cycle), 0);
+    EXPECT_THAT(log.messages(BY_HOST),
+                ElementsAre("[CRC:] Connect " + place("127.0.0.1") + " successfully"));
+}
+
+TEST_F(SessionConnect, WithoutMemoryForItsAddressesAServerIsUnreachable) {
+    write_hosts_of("relay.example");
+    make_cycle("relay.example", relay.port());
+    for (int nth : {1, 2}) { // of the first buffer, and of a larger one
+        log.clear();
+        fail_call failure("malloc", nth);
+        EXPECT_EQ(cloud_session_connect(cycle), 9);
+        EXPECT_TRUE(failure.happened());
+        EXPECT_THAT(log.lines(),
+                    Contains(error_line(BY_HOST, "[CRC:] Gethostbyname relay.example err, Cannot "
+                                                 "allocate memory")));
+    }
+}
+
 TEST_F(SessionConnect, TheSecondAddressIsUsedWhenTheFirstRefuses) {
     write_file("/etc/hosts", "127.0.0.2 relay.example\n127.0.0.1 relay.example\n");
     make_cycle("relay.example", relay.port());

@@ -189,6 +189,17 @@ TEST_F(ConnectNonblock, TakesAFailedWaitForATimeOut) {
                                             "timed out"));
 }
 
+TEST_F(ConnectNonblock, TakesAnOutcomeThatTheSystemCannotTellForAFailure) {
+    int listener = listen_at();
+    fail_call failure("getsockopt");
+    EXPECT_EQ(connect_to(port_of(listener), PATIENCE_MS), -1);
+    EXPECT_TRUE(failure.happened());
+    EXPECT_EQ(errno, ENOBUFS);
+    EXPECT_THAT(log.messages(), ElementsAre("[CRC:] select error, result:1, errno:No buffer space "
+                                            "available"));
+    close(listener);
+}
+
 TEST_F(ConnectNonblock, RefusesATimeOutBelowOneAfterTheSwitchToNonBlocking) {
     for (int64_t timeout : {0, -1}) {
         log.clear();
