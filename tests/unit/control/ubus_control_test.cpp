@@ -159,6 +159,7 @@ TEST_F(UbusControlTest, EndsTheLoopForASignalThatCameBeforeItRan) {
     broker.emplace();
     for (int number : {SIGTERM, SIGINT}) {
         daemon.emplace([number] {
+            signal(number, SIG_DFL); // a shell has what it runs behind it ignore SIGINT
             signalBeforeLoop = number;
             return run_ubus_init();
         });
