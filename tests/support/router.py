@@ -39,9 +39,6 @@ def prepare(private_network=True):
     places.shadow("/usr/lib", {"lua"})
     for folder in (CONFIGURATION, ROOT_CERTIFICATE.parent, TOKEN_SCRIPT.parent):
         folder.mkdir(parents=True)
-    STAGED_CHANGES.mkdir(exist_ok=True)
-    (places.scratch / "staged").mkdir()
-    namespaces.bind(places.scratch / "staged", STAGED_CHANGES)
     Path("/etc/nsswitch.conf").write_text("hosts: files\n")
     Path("/etc/host.conf").write_text("multi on\n")
     Path("/etc/hosts").write_text("127.0.0.1 localhost\n")
@@ -87,8 +84,7 @@ class Router:
     def __init__(self, authority):
         self.identity = Identity()
         self.bus = None
-        for folder in (CONFIGURATION, STAGED_CHANGES, ROOT_CERTIFICATE.parent,
-                       TOKEN_SCRIPT.parent):
+        for folder in (CONFIGURATION, ROOT_CERTIFICATE.parent, TOKEN_SCRIPT.parent):
             for entry in folder.iterdir():
                 entry.unlink()
         self.configure("device_info", DEVICE_INFO)
@@ -102,6 +98,11 @@ class Router:
 
     def unconfigure(self, package):
         (CONFIGURATION / package).unlink()
+
+    def take_staged_changes(self, folder):
+        """Has the router's staged changes stand in `folder`, for stage() and unstage()."""
+        STAGED_CHANGES.mkdir(exist_ok=True)
+        namespaces.bind(folder, STAGED_CHANGES)
 
     def stage(self, package, change):
         """Stages a change of a UCI file, as `uci set` does; `uci commit` would follow."""

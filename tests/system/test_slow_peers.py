@@ -135,7 +135,9 @@ def test_an_answer_for_which_the_router_has_no_memory_left_is_given_up(
         namespaces.unmount(Path("/proc/meminfo"))
 
 
-def test_a_staged_change_of_the_port_is_seen_by_the_next_request(session, web, router):
+def test_a_staged_change_of_the_port_is_seen_by_the_next_request(
+        session, web, router, tmp_path):
+    router.take_staged_changes(tmp_path)
     carry(session, web, 1)
     with type(web)() as other:
         router.stage("system", f"system.service_port.http_port='{other.port}'")
@@ -200,13 +202,18 @@ def test_a_stop_ends_the_wait_for_a_web_server_that_does_not_accept(daemon, sess
 
 
 def test_a_stop_ends_the_wait_for_a_web_server_that_takes_no_body(daemon, session, web):
-    upload = threading.Thread(target=session.send_packet,
-                              args=(RELAY_REQUEST, 1, some_bytes(20_000_000)), daemon=True)
-    upload.start()
+    def upload():
+        with contextlib.suppress(OSError):  # the session ends meanwhile
+            session.send_packet(RELAY_REQUEST, 1, some_bytes(20_000_000))
+
+    sender = threading.Thread(target=upload)
+    sender.start()
     web.accept()
     daemon.log.expect("=======CRC -> HTTPD: 20000000B")
     wait_until_stuck(daemon)
     assert Ended(daemon).seconds() < LET_GO_S * slowness()
+    session.reset()
+    sender.join()
 
 
 def test_a_stop_ends_the_wait_for_the_rest_of_an_answer(daemon, session, web):
