@@ -20,7 +20,7 @@ constexpr char DEVICE_TOKEN_COMMAND[] = "ubus -t 5 call cloudclient get_device_t
 constexpr char FACTORY_INFO_COMMAND[] = "ubus call quorServer getInfo '{\"infoMask\":33}'";
 
 // For a tool that ignores its own time-outs. Its output then counts as empty, which fails to parse.
-constexpr int64_t QUERY_LIMIT_MS = 60 * 1000;
+constexpr int64_t QUERY_LIMIT_MS = 60000;
 
 constexpr size_t ANSWER_SIZE = 1024;    // a longer answer is cut, and then is no JSON
 constexpr size_t FACTORY_MAC_SIZE = 17; // AA-BB-CC-DD-EE-FF

@@ -13,8 +13,6 @@
 #include "core/clock.h"
 #include "core/wanted.h"
 
-extern char** environ;
-
 namespace {
 
 // A program ends right after it closed its output; one that lingers is looked at less often.

@@ -10,8 +10,8 @@
 // Owner of the flags: the cloud cycle whose session the thread runs. Threads: each thread has its
 // own pair of pointers; a thread that never set them (the event loop's) is always wanted.
 
-// The longest that a wait goes on without looking at the flags. 25 wake-ups a second: the supervisor
-// takes a worker that wakes 3 to 15 times a second for one whose session stands.
+// The longest that a wait goes on without looking at the flags. 25 wake-ups a second: the
+// supervisor takes a worker that wakes 3 to 15 times a second for one whose session stands.
 constexpr int LOOK_MS = 40;
 
 struct thread_wishes_t {

@@ -13,14 +13,16 @@
 
 namespace {
 
-// What an answer leaves to the rest of the router: enough for its web server to end a request.
-constexpr size_t MEMORY_RESERVE = 4 * 1024 * 1024;
-// Blocks up to the first size come from the heap; the next one is mapped, and large at once.
-constexpr size_t HEAP_BLOCK = 64 * 1024;
-constexpr size_t MAPPED_BLOCK = 1024 * 1024;
-constexpr size_t HUGE_BLOCK = 4 * 1024 * 1024; // from here on huge pages save most page faults
+constexpr size_t MIB = 1048576;
 
-constexpr size_t LARGEST_KEPT = 2 * 1024 * 1024;
+// What an answer leaves to the rest of the router: enough for its web server to end a request.
+constexpr size_t MEMORY_RESERVE = 4 * MIB;
+// Blocks up to the first size come from the heap; the next one is mapped, and large at once.
+constexpr size_t HEAP_BLOCK = MIB / 16;
+constexpr size_t MAPPED_BLOCK = MIB;
+constexpr size_t HUGE_BLOCK = 4 * MIB; // from here on huge pages save most page faults
+
+constexpr size_t LARGEST_KEPT = 2 * MIB;
 constexpr int64_t KEPT_MS = 200; // the session's turn: an idle session holds none
 
 answer_block_t kept = {};

@@ -31,8 +31,8 @@ namespace {
 using internal::_cloud_remote_mq_sp_remove;
 
 constexpr int64_t NODE_TIMEOUT_MS = 10000;
-constexpr int64_t ANSWER_LIMIT_MS = 90 * 1000; // with the next, the heartbeats' interval of 100 s
-constexpr int64_t PASS_LIMIT_MS = 10 * 1000;   // after which no further answer is begun
+constexpr int64_t ANSWER_LIMIT_MS = 90000; // with the next, the heartbeats' interval of 100 s
+constexpr int64_t PASS_LIMIT_MS = 10000;   // after which no further answer is begun
 constexpr uint16_t DEFAULT_WEB_SERVER_PORT = 80;
 constexpr size_t PORT_TEXT_SIZE = 32;
 constexpr char PORT_OPTION[] = "system.service_port.http_port";

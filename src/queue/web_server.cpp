@@ -53,7 +53,7 @@ bool _would_block() {
 // the same call costs less than waiting with poll. Bounded as every wait.
 int web_server_open() {
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    timeval limit = {0, LOOK_MS * US_PER_MS};
+    timeval limit = {0, suseconds_t{LOOK_MS} * US_PER_MS};
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     return fd;
 }

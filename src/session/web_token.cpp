@@ -18,7 +18,7 @@ namespace {
 constexpr char TOKEN_COMMAND[] =
     "lua /usr/lib/lua/cloud_relay_client/cloud_relay_client_helper.lua token_get";
 constexpr size_t TOKEN_SIZE = 32;
-constexpr int64_t TOKEN_LIMIT_MS = 10 * 1000; // heartbeats wait for the helper no longer
+constexpr int64_t TOKEN_LIMIT_MS = 10000; // heartbeats wait for the helper no longer
 constexpr size_t BODY_SIZE = 256;
 constexpr size_t REPLY_SIZE = 512;
 

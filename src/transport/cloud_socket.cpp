@@ -51,8 +51,8 @@ constexpr useconds_t WRITE_RETRY_US = 1000;
 constexpr unsigned PEER_STALL_LIMIT_MS = 180 * 1000;
 
 // What a write may still take once its session is to end.
-constexpr int64_t FAREWELL_LIMIT_MS = 10 * 1000;
-constexpr int64_t FAREWELL_STALL_MS = 2 * 1000;
+constexpr int64_t FAREWELL_LIMIT_MS = 10000;
+constexpr int64_t FAREWELL_STALL_MS = 2000;
 
 constexpr int TLS_PEER_CLOSED = -397; // the peer closed TCP without closing TLS
 

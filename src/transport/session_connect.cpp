@@ -17,8 +17,8 @@
 namespace {
 
 constexpr int64_t CONNECT_TIMEOUT_MS = 5000;
-constexpr size_t RESOLVER_BUFFER_SIZE = 8192;        // some hundred addresses
-constexpr size_t RESOLVER_BUFFER_LIMIT = 256 * 1024; // four times what DNS can answer
+constexpr size_t RESOLVER_BUFFER_SIZE = 8192;    // some hundred addresses
+constexpr size_t RESOLVER_BUFFER_LIMIT = 262144; // four times what DNS can answer
 
 // The addresses of a name. They point into `buffer`.
 struct resolved_name {
