@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <memory>
@@ -31,6 +32,17 @@ constexpr int64_t NS_PER_SECOND = 1'000'000'000;
 struct uci_context_deleter {
     void operator()(uci_context* context) const { uci_free_context(context); }
 };
+
+// Prints what uci_perror prints. That one adds a line end to a static buffer at every call, and in
+// time writes beyond it.
+void _print_error(uci_context* context, const char* prefix) {
+    char* words = nullptr;
+    uci_get_errorstr(context, &words, prefix);
+    if (words != nullptr) {
+        fprintf(stderr, "%s\n", words);
+    }
+    free(words);
+}
 
 // The looked-up option's text, or null: the path may lead to a section, or to a list of values.
 const char* _option_text(const uci_ptr& found) {
@@ -86,13 +98,13 @@ int readUCI(const char* str, char* out, size_t size) {
     memcpy(path, str, strnlen(str, sizeof path - 1));
     uci_ptr found = {};
     if (uci_lookup_ptr(context, &found, path, true) != UCI_OK) {
-        uci_perror(context, "read UCI file error");
+        _print_error(context, "read UCI file error");
         return -1;
     }
     const char* value = _option_text(found);
     if (value == nullptr) {
         context->err = UCI_ERR_NOTFOUND;
-        uci_perror(context, "do not find the option");
+        _print_error(context, "do not find the option");
         return -1;
     }
     memcpy(out, value, std::min(strlen(value), size - 1));

@@ -129,6 +129,18 @@ TEST_F(Uci, ReportsAMissingOptionOnStandardError) {
     EXPECT_STREQ(out, "untouched");
 }
 
+// The library's own printing adds a line end to a static buffer each time, without end.
+TEST_F(Uci, EveryFailedReadIsOneLineOnStandardError) {
+    log_capture log;
+    for (int i = 0; i < 3; i++) {
+        EXPECT_EQ(read("device_info.info.missing"), -1);
+        EXPECT_EQ(read("missing.info.hw_version"), -1);
+    }
+    std::string line = "do not find the option: Entry not found\n";
+    std::string other = "read UCI file error: Entry not found\n";
+    EXPECT_EQ(log.errors(), line + other + line + other + line + other);
+}
+
 TEST_F(Uci, APathThatEndsAboveAnOptionFindsNone) {
     for (const char* path : {"device_info.info", "device_info", "device_info.nowhere.hw_version",
                              "device_info.nowhere"}) {
