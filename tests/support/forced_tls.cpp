@@ -38,6 +38,7 @@ bool forced_function::is_forced() {
     }
 
 FORCED(wolfSSL_connect, (WOLFSSL * session), (session))
+FORCED(wolfSSL_shutdown, (WOLFSSL * session), (session))
 FORCED(wolfSSL_read, (WOLFSSL * session, void* bytes, int size), (session, bytes, size))
 FORCED(wolfSSL_peek, (WOLFSSL * session, void* bytes, int size), (session, bytes, size))
 FORCED(wolfSSL_write, (WOLFSSL * session, const void* bytes, int size), (session, bytes, size))
@@ -49,10 +50,8 @@ extern "C" int __wrap_wolfSSL_get_error(WOLFSSL* session, int result) {
 }
 
 static forced_function* const FUNCTIONS[] = {
-    &function_wolfSSL_connect,
-    &function_wolfSSL_read,
-    &function_wolfSSL_peek,
-    &function_wolfSSL_write,
+    &function_wolfSSL_connect, &function_wolfSSL_shutdown, &function_wolfSSL_read,
+    &function_wolfSSL_peek,    &function_wolfSSL_write,
 };
 
 static forced_function* find_function(const std::string& name) {

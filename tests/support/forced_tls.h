@@ -4,8 +4,8 @@
 #include <string>
 
 // Has a function of wolfSSL end as told instead of doing its work: for what no peer can bring
-// about. Works for wolfSSL_connect, wolfSSL_read, wolfSSL_write and wolfSSL_peek in programs whose
-// room_tests() lists them, and wolfSSL_get_error, under WRAP.
+// about. Works for wolfSSL_connect, wolfSSL_shutdown, wolfSSL_read, wolfSSL_write and wolfSSL_peek
+// in programs whose room_tests() lists them, and wolfSSL_get_error, under WRAP.
 //
 //     forced_tls write("wolfSSL_write", -1, TLS_NO_MEMORY);
 //     EXPECT_EQ(cloud_socket_send_buf(socket, "x", 1), 9);

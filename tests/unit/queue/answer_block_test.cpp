@@ -40,6 +40,10 @@ protected:
     bool add(size_t count, bool isWritten = false) {
         while (count > 0) {
             size_t some = std::min(count, answer_block_room(block));
+            if (some == 0) {
+                ADD_FAILURE() << "the block is full";
+                return false;
+            }
             if (isWritten) {
                 memset(answer_block_end(block), 'x', some);
             }
