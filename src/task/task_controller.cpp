@@ -142,8 +142,8 @@ int _swCloudRelayClientTaskStop() {
     return task.cloudCycle == nullptr ? CLOUD_OK : cloud_cycle_stop(task.cloudCycle);
 }
 
-// A worker that is still in its session is let go: it is told to stop waiting, keeps its cycle, and
-// cleans up after itself. False when too many such workers have not ended.
+// Lets a worker go that is still in its session: its waits end, it keeps its cycle and cleans up
+// after itself. False when two earlier workers that were let go have not ended.
 bool _let_go_of_worker() {
     mutex_guard guard(&task.taskLock);
     if (task.cloudCycle == nullptr) {

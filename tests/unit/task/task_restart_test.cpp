@@ -242,7 +242,7 @@ TEST_F(TaskResolverTest, ARestartWaitsWhenTwoEarlierWorkersWindUp) {
     EXPECT_EQ(log.count(worker_exits()), 1U) << "two others are still held up";
 }
 
-// One that is stuck and let go is no reason to wait, nor are two.
+// A reload does not wait for one or two workers that are stuck and let go.
 TEST_F(TaskResolverTest, TwoEarlierWorkersAreNotWaitedFor) {
     counted_calls looks("usleep");
     for (size_t nth : {1U, 2U, 3U}) {
