@@ -6,7 +6,9 @@ import os
 import re
 import resource
 import shutil
+import signal
 import socket
+import struct
 import subprocess
 import tempfile
 import time
@@ -22,6 +24,9 @@ from suite_rules import of_this_build
 
 DAEMON = "cloud_relay_client"
 OBJECT = "cloud_relayc"
+
+# What tests/support/leaks_on_request.cpp writes.
+_LOOKED_FOR_LEAKS = "looked for leaks\n"
 
 SYSTEM_PATH = "/usr/sbin:/usr/bin:/sbin:/bin"
 
@@ -39,8 +44,10 @@ def build():
 
 
 def slowness():
-    """By how much upper limits of time are stretched for this build."""
-    return {"plain": 1, "address": 2, "thread": 3, "valgrind": 8}[build()]
+    """By how much upper limits of time are stretched: for what this build costs, and while this
+    machine has more to run than processors to run it on."""
+    crowd = os.getloadavg()[0] / os.cpu_count()
+    return {"plain": 1, "address": 2, "thread": 3, "valgrind": 8}[build()] * max(1, crowd)
 
 
 # --- calling it ------------------------------------------------------------------------------
@@ -86,12 +93,13 @@ class Daemon:
 
     # --- life ---
 
-    def start(self, path=None, keeps_writes=False, uptime_s=None):
+    def start(self, path=None, keeps_writes=False, uptime_s=None, clock_moves=False):
         """Starts the daemon with a pipe as standard output and does not wait for anything.
 
         `path`: the PATH it runs with, after the folder of the built programs.
         `keeps_writes`: has log.writes hold exactly what each write wrote.
         `uptime_s`: what the monotonic clock shows it at first, instead of the machine's own.
+        `clock_moves`: lets move_clock() put its monotonic clock ahead.
         """
         if keeps_writes:
             ours, theirs = (end.detach() for end in
@@ -104,7 +112,7 @@ class Daemon:
                 [*self._wrappers(uptime_s), *self._command()], stdin=subprocess.DEVNULL,
                 stdout=theirs, stderr=errors, cwd="/", env={
                     "PATH": f"{folder}:{path or SYSTEM_PATH}", "TMPDIR": str(self._folder),
-                    **self._sanitizer_options()})
+                    **self._sanitizer_options(), **(self._moved_clock() if clock_moves else {})})
         os.close(theirs)
         self.log = Log(ours)
         self.pid = self._process.pid
@@ -129,8 +137,20 @@ class Daemon:
 
     def _sanitizer_options(self):
         report = f"log_path={self._folder}/sanitizer"
-        return {"ASAN_OPTIONS": f"{report}:quarantine_size_mb=4", "TSAN_OPTIONS": report,
+        # The library of the moved clock may come before the sanitizer's own.
+        memory = f"{report}:quarantine_size_mb=4:verify_asan_link_order=0"
+        return {"ASAN_OPTIONS": memory, "TSAN_OPTIONS": report,
                 "UBSAN_OPTIONS": f"{report}:print_stacktrace=1"}
+
+    def _moved_clock(self):
+        self._clock = self._folder / "clock"
+        self._clock.write_bytes(bytes(8))
+        return {"LD_PRELOAD": program("moved_clock.so"), "MOVED_CLOCK": str(self._clock)}
+
+    def move_clock(self, seconds):
+        """Puts the daemon's monotonic clock that much ahead of the machine's."""
+        with open(self._clock, "r+b") as clock:  # in place: the daemon has it mapped
+            clock.write(struct.pack("=q", seconds))
 
     def wait_for_object(self):
         """Waits until the daemon can be called on the bus."""
@@ -158,6 +178,8 @@ class Daemon:
             assert self.alive, f"the daemon has ended with {self._process.returncode}"
             if build() == "valgrind":
                 self._check_with_valgrind()
+            if build() == "address":
+                self._look_for_leaks()
         finally:
             self._end()
             self._assert_clean()
@@ -174,8 +196,14 @@ class Daemon:
         if self.log is not None:  # an interrupted start() has none yet
             self.log.wait_for_end()
 
+    # The daemon never ends by itself, so its checkers are asked while it runs.
+
+    def _look_for_leaks(self):
+        looked = self.errors.count(_LOOKED_FOR_LEAKS)
+        os.kill(self.pid, signal.SIGUSR2)
+        wait_until(lambda: self.errors.count(_LOOKED_FOR_LEAKS) > looked, "it looks for leaks")
+
     def _check_with_valgrind(self):
-        # The daemon never ends by itself, so it is asked while it runs.
         errors = self._ask_valgrind("v.info", "n_errs_found")
         assert re.search(r"n_errs_found 0\b", errors), self._valgrind_log()
         leaks = self._ask_valgrind("leak_check", "full", "definite", "any")

@@ -12,8 +12,7 @@ INTERVAL_S = 100
 REPLY_WAIT_S = 5
 
 
-@pytest.fixture
-def begun(daemon, relay):
+def begin(daemon, relay):
     """A session whose first heartbeat is still to come or unread."""
     daemon.reload(relay.address, relay.port)
     session = relay.accept()
@@ -21,6 +20,25 @@ def begun(daemon, relay):
     session.answer_hello()
     daemon.log.expect("[CRC:] begin cycle loop")
     return session
+
+
+@pytest.fixture
+def begun(daemon, relay):
+    return begin(daemon, relay)
+
+
+@pytest.fixture
+def hurried(unstarted_daemon, relay):
+    """The same, of a daemon whose clock can be moved."""
+    unstarted_daemon.start(clock_moves=True).wait_for_object()
+    return begin(unstarted_daemon, relay)
+
+
+def let_an_interval_pass(daemon, session):
+    """Two seconds before the next heartbeat is due, none has come."""
+    session.expect_silence(1)
+    daemon.move_clock(INTERVAL_S - 3)
+    session.expect_silence(0.5)
 
 
 def test_the_first_heartbeat_leaves_in_the_first_turn(daemon, begun):
@@ -68,11 +86,12 @@ def test_a_relay_that_answers_gets_one_heartbeat_every_hundred_seconds(daemon, b
     assert not daemon.log.find("[CRC:] Send heartBeat timeout 1 times ....")
 
 
-@pytest.mark.lasts(125)
-def test_a_relay_that_never_answers_is_given_up_after_five_timeouts(daemon, begun):
+@pytest.mark.lasts(30)
+def test_a_relay_that_never_answers_is_given_up_after_five_timeouts(unstarted_daemon, hurried):
+    daemon, begun = unstarted_daemon, hurried
     first = begun.expect_heartbeat()
-    started = daemon.log.expect("[CRC:] Send requset ok.").at
-    begun.expect_silence(INTERVAL_S - 2)
+    daemon.log.expect("[CRC:] Send requset ok.")
+    let_an_interval_pass(daemon, begun)
     again = [begun.expect_heartbeat(within=4 * slowness())]
     again += [begun.expect_heartbeat(within=(REPLY_WAIT_S + 2) * slowness()) for _ in range(4)]
     assert [first.id, *(beat.id for beat in again)] == [1, 2, 3, 4, 5, 6]
@@ -84,16 +103,16 @@ def test_a_relay_that_never_answers_is_given_up_after_five_timeouts(daemon, begu
                           "[CRC:] CloudRelayClient task exit.")
     assert begun.expect_closed() == "in order"
     gaps = [later.at - earlier.at for earlier, later in zip(timeouts, timeouts[1:])]
-    assert INTERVAL_S <= timeouts[0].at - started + 0.05
     assert all(REPLY_WAIT_S - 0.05 < gap < REPLY_WAIT_S + 0.5 * slowness() for gap in gaps[:4])
     assert gaps[4] < 0.5 * slowness()
     assert not daemon.log.find("[CRC:] socket receive/send error: 4")
 
 
-@pytest.mark.lasts(112)
-def test_one_answer_in_time_forgives_all_earlier_misses(daemon, begun):
+@pytest.mark.lasts(18)
+def test_one_answer_in_time_forgives_all_earlier_misses(unstarted_daemon, hurried):
+    daemon, begun = unstarted_daemon, hurried
     begun.expect_heartbeat()
-    begun.expect_silence(INTERVAL_S - 2)
+    let_an_interval_pass(daemon, begun)
     begun.expect_heartbeat(within=4 * slowness())
     third = begun.expect_heartbeat(within=(REPLY_WAIT_S + 2) * slowness())
     daemon.log.expect_all("[CRC:] Send heartBeat timeout 1 times ....",
