@@ -10,6 +10,9 @@ SCRIPTS = $(shell git ls-files -co --exclude-standard '*.sh' .ci/run)
 # Warnings are errors where a machine reads them.
 CMAKE_FLAGS := $(if $(CI),-DCRC_WERROR=ON)
 
+# Debian keeps web servers and network tools where an ordinary user's PATH does not lead.
+export PATH := $(PATH):/usr/local/sbin:/usr/sbin:/sbin
+
 # Nothing is written outside build/.
 export PYTHONDONTWRITEBYTECODE := 1
 

@@ -26,8 +26,10 @@ if [ "${1-}" = cross ]; then
         g++-arm-linux-gnueabihf g++-mipsel-linux-gnu g++-s390x-linux-gnu
     "
 fi
-# Any cargo will do; Debian's where there is none.
-command -v cargo >/dev/null || packages="$packages cargo ca-certificates"
+# Any cargo will do to obtain libubox and libuci; Debian's where there is none.
+if [ ! -e "$(dirname "$0")/../build/deps/prefix/stamp" ] && ! command -v cargo >/dev/null; then
+    packages="$packages cargo ca-certificates"
+fi
 
 if ! command -v apt-get >/dev/null; then
     echo "setup: not a Debian system; what the build needs must be there already:$packages"
