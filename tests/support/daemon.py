@@ -47,7 +47,12 @@ def slowness():
     """By how much upper limits of time are stretched: for what this build costs, and while this
     machine has more to run than processors to run it on."""
     crowd = os.getloadavg()[0] / os.cpu_count()
-    return {"plain": 1, "address": 2, "thread": 3, "valgrind": 8}[build()] * max(1, crowd)
+    return build_cost() * max(1, crowd)
+
+
+def build_cost():
+    """By how much limits of processor time are stretched for what this build costs."""
+    return {"plain": 1, "address": 2, "thread": 3, "valgrind": 8}[build()]
 
 
 # --- calling it ------------------------------------------------------------------------------
