@@ -5,7 +5,7 @@ JOBS ?= $(shell nproc)
 PYTHON := /usr/bin/python3
 BUILD := build/$(PRESET)
 SOURCES = $(shell git ls-files -co --exclude-standard '*.cpp' '*.h')
-SCRIPTS = $(shell git ls-files -co --exclude-standard '*.sh' .ci/run)
+SCRIPTS = $(shell git ls-files -co --exclude-standard '*.sh' '.ci/*')
 
 # Warnings are errors where a machine reads them.
 CMAKE_FLAGS := $(if $(CI),-DCRC_WERROR=ON)
