@@ -38,7 +38,7 @@ private:
 
 class Deadlines {
 public:
-    explicit Deadlines(Executor executor) : timer_(executor) {}
+    explicit Deadlines(const Executor& executor) : timer_(executor) {}
 
     // Sweeps until stop(); `each_time` is called after each sweep.
     void start(std::function<void()> each_time);

@@ -42,7 +42,8 @@ std::optional<json::value> read_json_file(const std::string& path, std::string& 
     else if (!code)
         code = json::error::extra_data;
     if (code) {
-        const auto line = std::count(text->begin(), text->begin() + taken, '\n') + 1;
+        const auto line =
+            std::count(text->begin(), text->begin() + static_cast<std::ptrdiff_t>(taken), '\n') + 1;
         error =
             path + " is not valid JSON near line " + std::to_string(line) + ": " + code.message();
         return std::nullopt;

@@ -9,7 +9,7 @@ namespace relay {
 // is forgotten: the waiter looks at its condition before and after each wait.
 class Signal {
 public:
-    explicit Signal(Executor executor) : timer_(executor, Clock::time_point::max()) {}
+    explicit Signal(const Executor& executor) : timer_(executor, Clock::time_point::max()) {}
 
     // Waits for notify(), or until `limit`.
     Awaitable<void> wait(Clock::time_point limit = Clock::time_point::max()) {

@@ -14,9 +14,9 @@ namespace relay {
 // Errors of connections are no exceptions here: what does arrive is a lack of memory, which must
 // end one connection and not the relay. `on_failure` cleans up after the coroutine.
 inline void spawn(
-    Executor executor, Awaitable<void> coroutine, std::function<void()> on_failure = [] {}) {
+    const Executor& executor, Awaitable<void> coroutine, std::function<void()> on_failure = [] {}) {
     asio::co_spawn(executor, std::move(coroutine),
-                   [on_failure = std::move(on_failure)](std::exception_ptr failure) {
+                   [on_failure = std::move(on_failure)](const std::exception_ptr& failure) {
                        if (!failure)
                            return;
                        try {

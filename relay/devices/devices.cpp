@@ -7,7 +7,7 @@
 
 namespace relay {
 
-Devices::Devices(Executor executor, const Config& config, Deadlines& deadlines,
+Devices::Devices(const Executor& executor, const Config& config, Deadlines& deadlines,
                  MemoryBudget& budget, Metrics& metrics)
     : executor_(executor), options_(config.devices),
       metrics_(metrics), services_{config.devices, deadlines, budget,

@@ -18,8 +18,8 @@ namespace relay {
 
 class Devices final : private DeviceDirectory {
 public:
-    Devices(Executor executor, const Config& config, Deadlines& deadlines, MemoryBudget& budget,
-            Metrics& metrics);
+    Devices(const Executor& executor, const Config& config, Deadlines& deadlines,
+            MemoryBudget& budget, Metrics& metrics);
 
     // Each reads one file. False: nothing has changed, and `error` says why.
     bool load_certificate(std::string& error);

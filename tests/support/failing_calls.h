@@ -67,12 +67,12 @@ private:
     int before;
 };
 
-// Runs `action` once, on the calling thread, right before the next call that this thread makes of
+// Runs `wanted` once, on the calling thread, right before the next call that this thread makes of
 // the function: for what another thread does between two steps. At most one at a time for one
 // function.
 class before_call {
 public:
-    before_call(const std::string& name, std::function<void()> action);
+    before_call(const std::string& name, std::function<void()> wanted);
     ~before_call();
     before_call(const before_call&) = delete;
     before_call& operator=(const before_call&) = delete;

@@ -5,10 +5,10 @@
 
 // Descriptors at or above what an fd_set holds, as a process with many open files gets them.
 
-// A duplicate of a descriptor at `number`, closed at the end of its scope.
+// A duplicate of a descriptor at `wanted`, closed at the end of its scope.
 class high_descriptor {
 public:
-    explicit high_descriptor(int original, int number = FD_SETSIZE + 200);
+    explicit high_descriptor(int original, int wanted = FD_SETSIZE + 200);
     ~high_descriptor();
     high_descriptor(const high_descriptor&) = delete;
     high_descriptor& operator=(const high_descriptor&) = delete;

@@ -111,8 +111,8 @@ TEST(Message, HandsItsMemoryOverWhenMoved) {
     third.memory = malloc(16);
     third = std::move(second);
     EXPECT_EQ(third.memory, memory);
-    EXPECT_EQ(first.memory, nullptr);
-    EXPECT_EQ(second.memory, nullptr);
+    EXPECT_EQ(first.memory, nullptr);  // NOLINT(bugprone-use-after-move): what a move leaves
+    EXPECT_EQ(second.memory, nullptr); // NOLINT(bugprone-use-after-move)
 }
 
 } // namespace

@@ -16,7 +16,6 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 
 const std::string INCOMPLETE = "device info is incomplete, return error!\n";
 const std::string NO_OBJECT = "get jsonrpc obj failed.\n";
