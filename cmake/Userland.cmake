@@ -51,16 +51,23 @@ if(CRC_FOUND_ubox AND CRC_FOUND_blobmsg_json AND CRC_FOUND_uci)
     message(STATUS "libuci:  installed, ${CRC_SYSTEM_uci_LIBRARY}")
     find_program(CRC_UCI_TOOL uci)
 else()
-    # One prefix for all builds that run on this machine; another CPU's build has its own.
+    # One prefix for all builds that run on this machine; another CPU's build has its own, and so
+    # has the fuzzers', whose parsers' libraries are instrumented, too.
     if(CMAKE_CROSSCOMPILING)
         set(CRC_DEPS_PREFIX ${CMAKE_BINARY_DIR}/deps/prefix)
+    elseif(CRC_SANITIZE STREQUAL fuzzer)
+        set(CRC_DEPS_PREFIX ${CMAKE_SOURCE_DIR}/build/deps/fuzzer)
+        list(JOIN crc_sanitizer_flags " " flags)
+        # libubox reads numbers of 8 bytes that it aligns to 4.
+        set(compiler ${CMAKE_C_COMPILER}
+            "${CMAKE_C_FLAGS_RELWITHDEBINFO} ${flags} -fno-sanitize=alignment")
     else()
         set(CRC_DEPS_PREFIX ${CMAKE_SOURCE_DIR}/build/deps/prefix)
     endif()
     message(STATUS "libubox: bundled, ${CRC_DEPS_PREFIX}")
     message(STATUS "libuci:  bundled, ${CRC_DEPS_PREFIX}")
     execute_process(COMMAND ${CMAKE_SOURCE_DIR}/deps/build.sh ${CRC_DEPS_PREFIX}
-            ${CMAKE_TOOLCHAIN_FILE}
+            "${CMAKE_TOOLCHAIN_FILE}" ${compiler}
         RESULT_VARIABLE failed)
     if(failed)
         message(FATAL_ERROR "libubox and libuci could not be obtained and built; the reason stands "

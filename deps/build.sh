@@ -1,14 +1,17 @@
 #!/bin/sh
 # Builds the pinned libubox and libuci, static, with their own CMake files.
-#   deps/build.sh PREFIX [TOOLCHAIN]
+#   deps/build.sh PREFIX [TOOLCHAIN [COMPILER FLAGS]]
 # Leaves headers, archives and the `uci` tool in PREFIX; does nothing when PREFIX already holds
-# what these files describe. TOOLCHAIN, a CMake toolchain file, builds for another CPU. Called by
-# CMake at configure time.
+# what these files and arguments describe. TOOLCHAIN, a CMake toolchain file, builds for another CPU
+# ("": for this one). COMPILER and FLAGS, for instance a sanitizer's, replace the default compiler
+# and are added to its flags. Called by CMake at configure time.
 set -eu
 
 here=$(cd "$(dirname "$0")" && pwd)
 prefix=$1
 toolchain=${2-}
+compiler=${3-}
+flags=${4-}
 work=$prefix.work
 mkdir -p "$prefix" "$work"
 
@@ -16,7 +19,7 @@ mkdir -p "$prefix" "$work"
 exec 9>"$work/lock"
 flock 9
 
-wanted=$(cat "$here/Cargo.lock" "$here/build.sh" | sha256sum)
+wanted=$( (cat "$here/Cargo.lock" "$here/build.sh" && echo "$compiler $flags") | sha256sum)
 if [ "$(cat "$prefix/stamp" 2>/dev/null)" = "$wanted" ]; then
     exit 0
 fi
@@ -43,7 +46,9 @@ build() { # name, source folder, further CMake arguments
         -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX="$prefix" -DCMAKE_PREFIX_PATH="$prefix" \
         ${toolchain:+-DCMAKE_TOOLCHAIN_FILE="$toolchain" -DCMAKE_FIND_ROOT_PATH="$prefix"} \
         -DCMAKE_POLICY_VERSION_MINIMUM=3.5 -DCMAKE_POSITION_INDEPENDENT_CODE=ON \
-        -DCMAKE_C_FLAGS="-Wno-error -ffunction-sections -fdata-sections" -DBUILD_LUA=OFF "$@"
+        ${compiler:+-DCMAKE_C_COMPILER="$compiler"} \
+        -DCMAKE_C_FLAGS="-Wno-error -ffunction-sections -fdata-sections $flags" \
+        -DBUILD_LUA=OFF "$@"
     cmake --build "$work/$name" -- --quiet
     cmake --install "$work/$name" >/dev/null
 }

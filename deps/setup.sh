@@ -18,6 +18,7 @@ if [ "${1-}" = checks ]; then
         tshark mandoc busybox
         strace binutils valgrind curl wrk nginx-light openssh-server openssh-client
         clang-format-14 clang-tidy-14 shellcheck
+        clang-14 libclang-rt-14-dev llvm-14
     "
 fi
 if [ "${1-}" = cross ]; then
