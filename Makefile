@@ -2,6 +2,7 @@
 
 PRESET ?= release
 JOBS ?= $(shell nproc)
+SECONDS ?= 600
 PYTHON := /usr/bin/python3
 BUILD := build/$(PRESET)
 SOURCES = $(shell git ls-files -co --exclude-standard '*.cpp' '*.h')
@@ -17,7 +18,7 @@ export PATH := $(PATH):/usr/local/sbin:/usr/sbin:/sbin
 export PYTHONDONTWRITEBYTECODE := 1
 
 .DEFAULT_GOAL := help
-.PHONY: help setup setup-checks build programs test memcheck cross demo bench format lint clean
+.PHONY: help setup setup-checks build programs test fuzz memcheck cross demo bench format lint clean
 
 help: ## list the commands
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-8s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
@@ -38,6 +39,12 @@ build: setup $(BUILD)/build.ninja ## build everything into build/PRESET/bin
 
 test: setup-checks build ## build, then run every test
 	@ctest --preset $(PRESET)
+
+# SECONDS=20 is the short form.
+fuzz: setup-checks ## fuzz every parser for SECONDS each (600), two at a time (FUZZERS="a b": those)
+	@[ -f build/fuzz/build.ninja ] || cmake --preset fuzz
+	@cmake --build --preset fuzz -j $(JOBS)
+	@$(PYTHON) tests/fuzz/fuzz.py --seconds $(SECONDS) $(FUZZERS)
 
 memcheck: setup-checks build ## run the daemon's black-box suite under valgrind
 	@cd tests/system && CRC_VALGRIND=1 CRC_BIN=$(CURDIR)/$(BUILD)/bin \
