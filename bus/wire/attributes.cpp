@@ -65,7 +65,9 @@ bool attribute_is_sound(const blob_attr* attr) {
     const blob_attr_info& info = attribute_types[blob_id(attr)];
     const size_t length = blob_len(attr);
     if (info.type == BLOB_ATTR_NESTED) {
-        return fields_are_sound(static_cast<const blob_attr*>(blob_data(attr)), length, 1);
+        // Readers of an attribute that is marked as a named field skip a name, past its end.
+        return !blob_is_extended(attr) &&
+               fields_are_sound(static_cast<const blob_attr*>(blob_data(attr)), length, 1);
     }
     // Numbers are as long as their type, texts end in a zero byte.
     return blob_check_type(blob_data(attr), static_cast<unsigned>(length),

@@ -59,6 +59,7 @@ void use_attributes(blob_attr* body) {
     }
     for (const int id : {bus::attr_data, bus::attr_signature}) {
         if (attrs[id]) {
+            REQUIRE(blobmsg_data_len(attrs[id]) == blob_len(attrs[id]));
             free(blobmsg_format_json(attrs[id], true));
         }
     }

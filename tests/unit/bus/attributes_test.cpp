@@ -91,25 +91,26 @@ TEST_P(WrongAttribute, IsTold) {
 
 INSTANTIATE_TEST_SUITE_P(
     All, WrongAttribute,
-    testing::Values(Sample{"a number of 2 bytes", "0000000c0300000600010000"},
-                    Sample{"a number of 8 bytes", "000000100300000c0000000100000001"},
-                    Sample{"a text without end", "0000000c0200000861626364"},
-                    Sample{"a text of no bytes", "0000000802000004"},
-                    Sample{"a flag of no bytes", "000000080a000004"},
-                    Sample{"data whose field does not fit", "000000100700000c850000ff00000000"},
-                    Sample{"data whose field has no length", "000000100700000c8500000000000000"},
-                    Sample{"data of 2 bytes", "0000000c0700000612340000"},
-                    Sample{"a name that does not fit", "00000014070000108500000c0020616100000001"},
-                    Sample{"a name without end", "00000014070000108500000c0001616200000001"},
-                    Sample{"a field of a type that is none",
-                           "00000014070000108900000c0001610000000001"},
-                    Sample{"a 32-bit field of 2 bytes", "00000014070000108500000a0001610000010000"},
-                    Sample{"a text field without end", "00000014070000108300000c0001610061626364"},
-                    Sample{"a nothing that has bytes", "00000014070000108000000c0001610000000001"},
-                    Sample{"a table with a wrong field",
-                           "0000001c070000188200001400016100850000ff0001620000000001"},
-                    Sample{"an array with a wrong field",
-                           "0000001c070000188100001400016100850000ff0001620000000001"}));
+    testing::Values(
+        Sample{"a number of 2 bytes", "0000000c0300000600010000"},
+        Sample{"a number of 8 bytes", "000000100300000c0000000100000001"},
+        Sample{"a text without end", "0000000c0200000861626364"},
+        Sample{"a text of no bytes", "0000000802000004"},
+        Sample{"a flag of no bytes", "000000080a000004"},
+        Sample{"data whose field does not fit", "000000100700000c850000ff00000000"},
+        Sample{"data whose field has no length", "000000100700000c8500000000000000"},
+        Sample{"data of 2 bytes", "0000000c0700000612340000"},
+        Sample{"data marked as a named field", "00000014870000108500000c0001610000000001"},
+        Sample{"a name that does not fit", "00000014070000108500000c0020616100000001"},
+        Sample{"a name without end", "00000014070000108500000c0001616200000001"},
+        Sample{"a field of a type that is none", "00000014070000108900000c0001610000000001"},
+        Sample{"a 32-bit field of 2 bytes", "00000014070000108500000a0001610000010000"},
+        Sample{"a text field without end", "00000014070000108300000c0001610061626364"},
+        Sample{"a nothing that has bytes", "00000014070000108000000c0001610000000001"},
+        Sample{"a table with a wrong field",
+               "0000001c070000188200001400016100850000ff0001620000000001"},
+        Sample{"an array with a wrong field",
+               "0000001c070000188100001400016100850000ff0001620000000001"}));
 
 std::string nested(int depth) {
     std::string json = "1";
