@@ -254,14 +254,19 @@ bool configuration_read(const char* folder, configuration* out) {
         log_unreadable(context.get());
         return false;
     }
-    *out = configuration_defaults();
+    *out = configuration_of(package);
+    return true;
+}
+
+configuration configuration_of(const uci_package* package) {
+    configuration result = configuration_defaults();
     const uci_section* section = find_section(package);
     if (section == nullptr) {
         log_error("%s: there is no section of type 'supervisor'; nothing is connected to", PACKAGE);
-        return true;
+    } else {
+        read_section(section, &result);
     }
-    read_section(section, out);
-    return true;
+    return result;
 }
 
 size_t configuration_find(const configuration& config, const server& asked) {

@@ -14,6 +14,8 @@
 // A mistake costs one line on the log, which names the option and its value, says what is allowed
 // and what is taken instead; the rest of the file is still used. Main thread.
 
+struct uci_package;
+
 struct configuration {
     bool enabled;                // `enabled`, 1
     server servers[SERVERS_MAX]; // `server`, a list, in order of preference
@@ -33,6 +35,9 @@ configuration configuration_defaults();
 // Reads the file anew, `folder`/cloud_relay, with changes that are not committed yet; null means
 // /etc/config. False, *out being left alone, when it cannot be read or parsed.
 bool configuration_read(const char* folder, configuration* out);
+
+// What a package that libuci has read says.
+configuration configuration_of(const uci_package* package);
 
 // The index of a listed server, or server_count.
 size_t configuration_find(const configuration& config, const server& asked);

@@ -92,7 +92,10 @@ int readUCI(const char* str, char* out, size_t size) {
     uci_context* context = uci_alloc_context();
     ENSURE(context != NULL, -1);
     std::unique_ptr<uci_context, uci_context_deleter> owner(context);
+    return internal::_read_option(context, str, out, size);
+}
 
+int internal::_read_option(uci_context* context, const char* str, char* out, size_t size) {
     // libuci cuts the path at its dots in place.
     char path[PATH_SIZE] = {};
     memcpy(path, str, strnlen(str, sizeof path - 1));

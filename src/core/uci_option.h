@@ -6,6 +6,8 @@
 // Reading single options of the router's configuration (libuci, /etc/config). Threads: any; every
 // reading works on a UCI context of its own.
 
+struct uci_context;
+
 // Reads the option at a dotted path such as "system.service_port.http_port" over the text in
 // `out`, `size` bytes. Returns 0, or -1 with a message on the log or, from libuci, on standard
 // error; `out` is then untouched.
@@ -39,3 +41,11 @@ template <size_t SIZE>
 int readUCI(const char* str, char (&out)[SIZE]) {
     return readUCI(str, out, SIZE);
 }
+
+// Steps that the module's tests reach.
+namespace internal {
+
+// readUCI in a context that may hold the package already.
+int _read_option(uci_context* context, const char* str, char* out, size_t size);
+
+} // namespace internal

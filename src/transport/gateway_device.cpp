@@ -21,6 +21,8 @@ gateway_device_list_t g_gateway_device_list = {};
 
 namespace {
 
+using internal::_clear_gateway_device;
+
 constexpr char ROUTE_TABLE_PATH[] = "/proc/net/route";
 constexpr unsigned ROUTE_UP = 0x0001;
 
@@ -34,13 +36,9 @@ struct file_closer {
 };
 using file_ptr = std::unique_ptr<FILE, file_closer>;
 
-file_ptr _open_route_table() {
-    file_ptr table(fopen(ROUTE_TABLE_PATH, "r"));
-    if (table != nullptr) {
-        int skipped = fscanf(table.get(), "%*[^\n]\n"); // the heading line
-        static_cast<void>(skipped);
-    }
-    return table;
+void _skip_heading(FILE* table) {
+    int skipped = fscanf(table, "%*[^\n]\n");
+    static_cast<void>(skipped);
 }
 
 // Moves to the next gateway row and stores its interface name. False at the end of the table.
@@ -66,19 +64,6 @@ bool _next_gateway_row(FILE* table, char (&name)[GATEWAY_DEVICE_NAME_SIZE]) {
             return true;
         }
     }
-}
-
-int _clear_gateway_device(gateway_device_list_t* list) {
-    if (list->head == nullptr) {
-        return -1;
-    }
-    while (list->head != nullptr) {
-        gateway_device_t* device = list->head;
-        list->head = device->next;
-        free(device);
-    }
-    list->count = 0;
-    return 0;
 }
 
 void _store_local_address(int fd) {
@@ -219,17 +204,10 @@ int _search_devices(cloud_socket_t* socket, const sockaddr_in* address, int64_t 
 
 } // namespace
 
-int get_gateway_device(gateway_device_list_t* list) {
-    if (list == nullptr) {
-        return -1;
-    }
-    _clear_gateway_device(list);
-    file_ptr table = _open_route_table();
-    if (table == nullptr) {
-        return -1;
-    }
+int internal::_read_gateway_devices(FILE* table, gateway_device_list_t* list) {
+    _skip_heading(table);
     char name[GATEWAY_DEVICE_NAME_SIZE];
-    while (_next_gateway_row(table.get(), name)) {
+    while (_next_gateway_row(table, name)) {
         gateway_device_t* device =
             static_cast<gateway_device_t*>(calloc(1, sizeof(gateway_device_t)));
         if (device == nullptr) {
@@ -244,17 +222,41 @@ int get_gateway_device(gateway_device_list_t* list) {
     return 0;
 }
 
-int get_gateway_device_count() {
-    file_ptr table = _open_route_table();
-    if (table == nullptr) {
-        return -1;
-    }
+int internal::_count_gateway_devices(FILE* table) {
+    _skip_heading(table);
     int count = 0;
     char name[GATEWAY_DEVICE_NAME_SIZE];
-    while (_next_gateway_row(table.get(), name)) {
+    while (_next_gateway_row(table, name)) {
         count++;
     }
     return count;
+}
+
+int internal::_clear_gateway_device(gateway_device_list_t* list) {
+    if (list->head == nullptr) {
+        return -1;
+    }
+    while (list->head != nullptr) {
+        gateway_device_t* device = list->head;
+        list->head = device->next;
+        free(device);
+    }
+    list->count = 0;
+    return 0;
+}
+
+int get_gateway_device(gateway_device_list_t* list) {
+    if (list == nullptr) {
+        return -1;
+    }
+    _clear_gateway_device(list);
+    file_ptr table(fopen(ROUTE_TABLE_PATH, "r"));
+    return table == nullptr ? -1 : internal::_read_gateway_devices(table.get(), list);
+}
+
+int get_gateway_device_count() {
+    file_ptr table(fopen(ROUTE_TABLE_PATH, "r"));
+    return table == nullptr ? -1 : internal::_count_gateway_devices(table.get());
 }
 
 int print_gateway_device(gateway_device_list_t* list) {

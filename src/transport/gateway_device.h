@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 
 // Which uplink reaches the relay server. When a plain TCP connect fails and the routing table lists
 // more than one gateway device, the socket is bound to one device after the other, and the one that
@@ -54,3 +55,18 @@ int print_gateway_device(gateway_device_list_t* list);
 // descriptor may be another one afterwards, and stays bound to the device that worked.
 int socket_connect_select_device(cloud_socket_t* socket, const sockaddr_in* address,
                                  int64_t timeout);
+
+// Steps that the module's tests reach.
+namespace internal {
+
+// Adds the gateway devices of a routing table, heading line first, to `list`. Returns 0; -1 without
+// memory, the list then being empty.
+int _read_gateway_devices(FILE* table, gateway_device_list_t* list);
+
+// How many _read_gateway_devices would add.
+int _count_gateway_devices(FILE* table);
+
+// Empties the list. Returns -1 when it was empty, else 0.
+int _clear_gateway_device(gateway_device_list_t* list);
+
+} // namespace internal

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <string>
 #include <string_view>
+#include <unistd.h>
 
 // What the fuzzers share. Each defines LLVMFuzzerTestOneInput, which gets one input, and ends the
 // process when something is wrong: by a sanitizer, or by REQUIRE. The inputs come from libFuzzer in
@@ -22,10 +23,17 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);
 #define REQUIRE(condition)                                                                         \
     do {                                                                                           \
         if (!(condition)) {                                                                        \
-            fprintf(stderr, "%s:%d: does not hold: %s\n", __FILE__, __LINE__, #condition);         \
+            dprintf(STDERR_FILENO, "%s:%d: does not hold: %s\n", __FILE__, __LINE__, #condition);  \
             abort();                                                                               \
         }                                                                                          \
     } while (0)
+
+// Lets a stream of the code under test, stdout or stderr, go nowhere. libFuzzer, the sanitizers and
+// REQUIRE write to the descriptor.
+inline void silence(FILE*& stream) {
+    stream = fopen("/dev/null", "w");
+    REQUIRE(stream);
+}
 
 // Takes an input apart from its front. Behind its end there are zeros and empty texts.
 class fuzz_input {
