@@ -1,5 +1,6 @@
 #include "broker/broker.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -43,6 +44,12 @@ bool clear_path(const char* path) {
     return unlink(path) == 0 || complain(path, strerror(errno));
 }
 
+// usock does not look whether the socket became one that does not block.
+bool is_nonblocking(int fd) {
+    const int flags = fcntl(fd, F_GETFL);
+    return flags >= 0 && (flags & O_NONBLOCK) != 0;
+}
+
 int listen_at(const char* path) {
     const mode_t old_mask = umask(S_IXUSR | S_IXGRP | S_IXOTH); // everybody may connect
     const int fd = usock(USOCK_UNIX | USOCK_SERVER | USOCK_NONBLOCK, path, nullptr);
@@ -50,12 +57,14 @@ int listen_at(const char* path) {
     return fd;
 }
 
-void start_accepting(broker& self) {
-    uloop_fd_add(&self.listener, ULOOP_READ | ULOOP_BLOCKING);
+bool start_accepting(broker& self) {
+    return uloop_fd_add(&self.listener, ULOOP_READ | ULOOP_BLOCKING) == 0;
 }
 
 void on_relisten(uloop_timeout* timer) {
-    start_accepting(*container_of(timer, broker, relisten));
+    if (!start_accepting(*container_of(timer, broker, relisten))) {
+        uloop_timeout_set(timer, relisten_ms);
+    }
 }
 
 void on_listener(uloop_fd* listener, unsigned) {
@@ -85,11 +94,13 @@ bool broker_open(broker& self, const char* path) {
         return false;
     }
     self = {};
-    self.listener.fd = listen_at(path);
-    if (self.listener.fd < 0) {
-        return complain(path, strerror(errno));
-    }
     self.path = strdup(path);
+    self.listener.fd = self.path ? listen_at(path) : -1;
+    if (self.listener.fd < 0) {
+        complain(path, strerror(errno));
+        free(self.path);
+        return false;
+    }
     self.uid = geteuid();
     id_tree_init(self.clients);
     id_tree_init(self.objects);
@@ -99,7 +110,11 @@ bool broker_open(broker& self, const char* path) {
     INIT_LIST_HEAD(&self.watches);
     self.listener.cb = on_listener;
     self.relisten.cb = on_relisten;
-    start_accepting(self);
+    if (!is_nonblocking(self.listener.fd) || !start_accepting(self)) {
+        complain(path, strerror(errno));
+        broker_close(self);
+        return false;
+    }
     return true;
 }
 
@@ -112,10 +127,8 @@ void broker_close(broker& self) {
         node = avl_first_element(&self.clients, node, avl);
         client_free(container_of(node, client, id));
     }
-    if (self.path) {
-        unlink(self.path);
-        free(self.path);
-    }
+    unlink(self.path);
+    free(self.path);
 }
 
 } // namespace bus

@@ -13,15 +13,20 @@ namespace {
 // A table under construction.
 struct table_writer {
     blob_buf buf = {};
-    table_writer() { blob_buf_init(&buf, 0); }
+    bool ready; // false without memory: nothing may be written then
+    table_writer() : ready(blob_buf_init(&buf, 0) == 0) {}
     ~table_writer() { blob_buf_free(&buf); }
     table_writer(const table_writer&) = delete;
     table_writer& operator=(const table_writer&) = delete;
 };
 
-// The table that an optional argument holds as JSON.
-bool read_table(table_writer& table, const char* json) {
-    return !json || blobmsg_add_json_from_string(&table.buf, json);
+// The table that an optional argument holds as JSON. Returns a status.
+int read_table(table_writer& table, const char* json) {
+    if (!table.ready) {
+        return UBUS_STATUS_NO_MEMORY;
+    }
+    return !json || blobmsg_add_json_from_string(&table.buf, json) ? UBUS_STATUS_OK
+                                                                   : UBUS_STATUS_PARSE_ERROR;
 }
 
 // Tells of a failure. Returns the exit status.
@@ -64,11 +69,12 @@ int call_failed(char** arguments, int status) {
 
 int run_call(ubus_context* ctx, const tool_options& options, char** arguments) {
     table_writer table;
-    if (!read_table(table, arguments[2])) {
-        return call_failed(arguments, UBUS_STATUS_PARSE_ERROR);
+    int status = read_table(table, arguments[2]);
+    if (status != UBUS_STATUS_OK) {
+        return call_failed(arguments, status);
     }
     uint32_t id;
-    const int status = ubus_lookup_id(ctx, arguments[0], &id);
+    status = ubus_lookup_id(ctx, arguments[0], &id);
     if (status != UBUS_STATUS_OK) {
         return failed(status);
     }
@@ -120,8 +126,9 @@ int run_listen(ubus_context* ctx, const tool_options& options, char** arguments)
 
 int run_send(ubus_context* ctx, const tool_options&, char** arguments) {
     table_writer table;
-    if (!read_table(table, arguments[1])) {
-        return failed(UBUS_STATUS_PARSE_ERROR);
+    const int status = read_table(table, arguments[1]);
+    if (status != UBUS_STATUS_OK) {
+        return failed(status);
     }
     return failed(ubus_send_event(ctx, arguments[0], table.buf.head));
 }

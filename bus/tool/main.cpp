@@ -2,6 +2,7 @@
 
 #include "tool/command.h"
 #include "tool/deadline.h"
+#include "tool/print.h"
 
 namespace {
 
@@ -37,6 +38,10 @@ int run(const bus::command& command, const bus::tool_options& options, char** ar
     uloop_done();
     if (fflush(stdout) != 0 || ferror(stdout)) {
         fprintf(stderr, "ubus: standard output: %s\n", strerror(errno));
+        return EXIT_FAILURE;
+    }
+    if (!bus::printed_all()) {
+        fprintf(stderr, "ubus: not enough memory to print all\n");
         return EXIT_FAILURE;
     }
     return exit_status;

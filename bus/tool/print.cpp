@@ -13,6 +13,14 @@ struct free_memory {
 };
 using text = std::unique_ptr<char, free_memory>;
 
+bool is_all_printed = true;
+
+// Whether memory sufficed for the text.
+bool is_made(const text& json) {
+    is_all_printed = is_all_printed && json;
+    return json != nullptr;
+}
+
 constexpr int one_line = -1;
 constexpr int from_column_0 = 0;
 
@@ -54,20 +62,30 @@ void print_object(const ubus_object_data& obj, bool verbose) {
     blob_for_each_attr(method, obj.signature, left) {
         const text line(
             blobmsg_format_json_with_cb(method, false, argument_type, nullptr, one_line));
-        printf("\t%s\n", line.get());
+        if (is_made(line)) {
+            printf("\t%s\n", line.get());
+        }
     }
 }
 
 void print_answer(const blob_attr* table, bool simple) {
     blob_attr* fields = const_cast<blob_attr*>(table);
     const text json(blobmsg_format_json_indent(fields, true, simple ? one_line : from_column_0));
-    printf("%s\n", json.get());
+    if (is_made(json)) {
+        printf("%s\n", json.get());
+    }
 }
 
 void print_event(const char* type, const blob_attr* table) {
     const text json(blobmsg_format_json(const_cast<blob_attr*>(table), true));
-    printf("{ \"%s\": %s }\n", type, json.get());
+    if (is_made(json)) {
+        printf("{ \"%s\": %s }\n", type, json.get());
+    }
     fflush(stdout); // whoever listens waits for it
+}
+
+bool printed_all() {
+    return is_all_printed;
 }
 
 } // namespace bus

@@ -14,4 +14,7 @@ void print_answer(const blob_attr* table, bool simple);
 // An event, on one line, at once.
 void print_event(const char* type, const blob_attr* table);
 
+// False once memory did not suffice for something that was to be printed.
+bool printed_all();
+
 } // namespace bus
