@@ -31,7 +31,8 @@ int call_status = 0;
 // A buffer for one message, freed at the end of its scope.
 struct message {
     blob_buf buffer = {};
-    message() { blob_buf_init(&buffer, 0); }
+    bool ready; // false without memory: nothing may be written then
+    message() : ready(blob_buf_init(&buffer, 0) == 0) {}
     ~message() { blob_buf_free(&buffer); }
     message(const message&) = delete;
     message& operator=(const message&) = delete;
@@ -43,6 +44,9 @@ int handle_status(ubus_context* ctx, ubus_object* /*object*/, ubus_request_data*
                   const char* /*method*/, blob_attr* /*arguments*/) {
     supervision_report report = listener->on_status();
     message answer;
+    if (!answer.ready) {
+        return UBUS_STATUS_NO_MEMORY;
+    }
     blobmsg_add_string(&answer.buffer, "state", supervision_state_name(report.state));
     blobmsg_add_string(&answer.buffer, "server", report.toward.text);
     blobmsg_add_u32(&answer.buffer, "since", static_cast<uint32_t>(report.since_ms / 1000));
@@ -272,6 +276,10 @@ void bus_close() {
 
 void bus_reload(const server& toward) {
     message arguments;
+    if (!arguments.ready) {
+        end_call(UBUS_STATUS_NO_MEMORY);
+        return;
+    }
     blobmsg_add_string(&arguments.buffer, "address", toward.host);
     blobmsg_add_u32(&arguments.buffer, "port", toward.port);
     call_daemon("reload", arguments.buffer.head);
@@ -279,6 +287,10 @@ void bus_reload(const server& toward) {
 
 void bus_stop() {
     message arguments;
+    if (!arguments.ready) {
+        end_call(UBUS_STATUS_NO_MEMORY);
+        return;
+    }
     call_daemon("stop", arguments.buffer.head);
 }
 
@@ -289,6 +301,11 @@ void bus_restart_daemon() {
         return;
     }
     message arguments;
+    if (!arguments.ready) {
+        log_error("procd cannot restart %s: %s", PROCD_INSTANCE,
+                  ubus_strerror(UBUS_STATUS_NO_MEMORY));
+        return;
+    }
     blobmsg_add_string(&arguments.buffer, "name", PROCD_SERVICE);
     blobmsg_add_string(&arguments.buffer, "instance", PROCD_INSTANCE);
     blobmsg_add_u32(&arguments.buffer, "signal", SIGKILL);
