@@ -18,7 +18,8 @@ export PATH := $(PATH):/usr/local/sbin:/usr/sbin:/sbin
 export PYTHONDONTWRITEBYTECODE := 1
 
 .DEFAULT_GOAL := help
-.PHONY: help setup setup-checks build programs test fuzz memcheck cross demo bench format lint clean
+.PHONY: help setup setup-checks build programs test fuzz memcheck cross demo bench format lint \
+	clean torture torture-with
 
 help: ## list the commands
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-8s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
@@ -50,6 +51,17 @@ memcheck: setup-checks build ## run the daemon's black-box suite under valgrind
 	@cd tests/system && CRC_VALGRIND=1 CRC_BIN=$(CURDIR)/$(BUILD)/bin \
 		$(PYTHON) -m pytest -q -n 8 --ignore=bus --ignore=relay --ignore=relay_browser \
 		--ignore=supervisor .
+
+# With the address sanitizer, unless another PRESET is asked for: it sees what a failure breaks.
+torture: ## fail every call once (SHORT=1: fewer; SCENARIO=name; N=number: that call, with details)
+	@$(MAKE) --no-print-directory torture-with \
+		PRESET=$(if $(filter command%,$(origin PRESET)),$(PRESET),asan)
+
+torture-with: setup-checks $(BUILD)/build.ninja
+	@cmake --build --preset $(PRESET) -j $(JOBS) --target torture_interpose \
+		cloud_relay_client cloud_relay_supervisor relay_server ubusd ubus_tool
+	@CRC_BIN=$(CURDIR)/$(BUILD)/bin $(PYTHON) tests/torture/torture.py $(if $(SHORT),--short) \
+		$(if $(SCENARIO),--scenario '$(SCENARIO)') $(if $(N),--n $(N)) $(if $(LATER),--later)
 
 cross: ## build and test what runs on the router for other CPUs (CPU="armhf s390x": those)
 	@packaging/cross.sh $(CPU)

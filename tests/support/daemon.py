@@ -18,7 +18,8 @@ from pathlib import Path
 import pytest
 
 from daemon_log import Log
-from processes import PATIENCE_S, assert_no_sanitizer_report, program, run, wait_until
+from processes import (ADDED_ENVIRONMENT, PATIENCE_S, assert_no_sanitizer_report, program, run,
+                       wait_until)
 from router import BUS_SOCKET
 from suite_rules import of_this_build
 
@@ -117,7 +118,8 @@ class Daemon:
                 [*self._wrappers(uptime_s), *self._command()], stdin=subprocess.DEVNULL,
                 stdout=theirs, stderr=errors, cwd="/", env={
                     "PATH": f"{folder}:{path or SYSTEM_PATH}", "TMPDIR": str(self._folder),
-                    **self._sanitizer_options(), **(self._moved_clock() if clock_moves else {})})
+                    **self._sanitizer_options(), **ADDED_ENVIRONMENT,
+                    **(self._moved_clock() if clock_moves else {})})
         os.close(theirs)
         self.log = Log(ours)
         self.pid = self._process.pid

@@ -30,6 +30,9 @@ _SANITIZER_ENVIRONMENT = {
     "UBSAN_OPTIONS": "print_stacktrace=1",
 }
 
+# What every program is started with besides: tests/torture preloads a library with it.
+ADDED_ENVIRONMENT = {}
+
 
 def program(name):
     """Path of the built program `name`; fails when it has not been built."""
@@ -52,7 +55,7 @@ def wait_until(condition, what, timeout_s=PATIENCE_S):
 
 def environment_of(extra=None):
     """The environment programs are started with: ours, sanitizer options, then `extra`."""
-    return {**_SANITIZER_ENVIRONMENT, **os.environ, **(extra or {})}
+    return {**_SANITIZER_ENVIRONMENT, **os.environ, **ADDED_ENVIRONMENT, **(extra or {})}
 
 
 def assert_no_sanitizer_report(text):

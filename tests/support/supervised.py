@@ -12,7 +12,8 @@ from pathlib import Path
 
 from daemon import slowness
 from daemon_log import Log
-from processes import PATIENCE_S, assert_no_sanitizer_report, program, run, wait_until
+from processes import (ADDED_ENVIRONMENT, PATIENCE_S, assert_no_sanitizer_report, program, run,
+                       wait_until)
 from router import BUS_SOCKET
 
 # Short, so that tests are: what is not under test must not be waited for.
@@ -68,7 +69,7 @@ class Supervisor:
         ours, theirs = os.pipe()
         report = f"log_path={self._folder}/sanitizer"
         environment = {"PATH": "/usr/bin:/bin", "ASAN_OPTIONS": report, "TSAN_OPTIONS": report,
-                       "UBSAN_OPTIONS": f"{report}:print_stacktrace=1"}
+                       "UBSAN_OPTIONS": f"{report}:print_stacktrace=1", **ADDED_ENVIRONMENT}
         if seed is not None:
             environment["CLOUD_RELAY_SUPERVISOR_SEED"] = str(seed)
         self._process = subprocess.Popen(

@@ -1,0 +1,247 @@
+"""The daemon: its start, a session, what steers it, a bus that goes."""
+
+import contextlib
+import threading
+import time
+
+import ubus_wire
+from daemon import DAEMON, OBJECT, Daemon, slowness
+from processes import wait_until
+from relay_peer import RELAY_REQUEST, WEB_TOKEN, Closed, Relay
+from router import BUS_SOCKET, CONFIGURATION, ROOT_CERTIFICATE, TOKEN_SCRIPT, Router
+from scenario import ROUND_LIMIT_S, Problem, Scenario
+from web_peer import WebServer
+
+_ANSWER_S = 8.0  # how long the relay waits for what may not come
+
+REQUEST = b"GET / HTTP/1.0\r\n\r\n"
+
+
+class ServingRelay:
+    """Takes each connection through a session, on a thread of its own, and writes down how far it
+    got. A failure on the daemon's side ends the connection, not the relay."""
+
+    def __init__(self, certificate, steps, **options):
+        self._relay = Relay(certificate, **options)
+        self.address, self.port = self._relay.address, self._relay.port
+        self._steps = steps
+        self._changed = threading.Condition()
+        self._history = []
+        self._finished = False
+        self._is_serving = False
+        self._may_end = threading.Event()
+        self._closed = False
+        self._thread = threading.Thread(target=self._serve, daemon=True)
+        self._thread.start()
+
+    def begin(self):
+        with self._changed:
+            self._history = []
+            self._finished = False
+        self._may_end.clear()
+
+    @property
+    def history(self):
+        with self._changed:
+            return list(self._history)
+
+    @property
+    def has_finished(self):
+        """Whether a session has gone through all steps."""
+        with self._changed:
+            return self._finished
+
+    def let_go(self):
+        """Has the relay end its session; returns when that is done."""
+        self._may_end.set()
+        wait_until(lambda: not self._is_serving and not self._relay.is_called(0),
+                   "the relay is at rest", ROUND_LIMIT_S)
+
+    def _note(self, what):
+        with self._changed:
+            self._history.append(what)
+
+    def _serve(self):
+        while not self._closed:
+            if self._relay.is_called(0.2):
+                self._is_serving = True
+                with contextlib.suppress(OSError):
+                    self._serve_one()
+                self._is_serving = False
+
+    def _serve_one(self):
+        try:
+            session = self._relay.accept(_ANSWER_S)
+        except (AssertionError, OSError):
+            self._note("no TLS")
+            return
+        try:
+            self._note("TLS")
+            for step in self._steps:
+                self._note(step(session))
+            with self._changed:
+                self._finished = True
+            self._may_end.wait(ROUND_LIMIT_S)
+        except Closed:
+            self._note("closed")
+        except (AssertionError, OSError) as failure:
+            self._note(type(failure).__name__)
+        finally:
+            session.close()
+
+    def close(self):
+        self._closed = True
+        self._may_end.set()
+        self._thread.join()
+        self._relay.close()
+
+
+def hello(session):
+    body = session.expect_hello(_ANSWER_S).body
+    session.answer_hello()
+    return f"hello {body.decode(errors='backslashreplace')}"
+
+
+def heartbeat(session):
+    session.answer_heartbeat(session.expect_heartbeat(_ANSWER_S))
+    return "heartbeat"
+
+
+def request(session):
+    session.send_packet(RELAY_REQUEST, 7, REQUEST)
+    answer = session.read_packet(_ANSWER_S)
+    return f"answer {answer.type} {answer.id} {len(answer.body)}"
+
+
+def token(session):
+    session.send_packet(WEB_TOKEN, 8, b'{"name":"owner"}')
+    return f"token {session.read_packet(_ANSWER_S).body.decode(errors='backslashreplace')}"
+
+
+class DaemonScenario(Scenario):
+    """With a router around the daemon: its bus, its services, its web server."""
+
+    program_name = DAEMON
+    files = (CONFIGURATION, ROOT_CERTIFICATE.parent, TOKEN_SCRIPT.parent)
+    answer = b"HTTP/1.0 200 OK\r\n\r\n" + b"a" * 1000
+
+    def begin(self):
+        self.router = Router(self.authority)
+        self.router.__enter__()
+        self.web = WebServer()
+        self.router.set_web_port(self.web.port)
+        self.web.serve(self._answer_request)
+        self.daemon = None
+
+    def _answer_request(self, exchange):
+        with contextlib.suppress(AssertionError, OSError):
+            exchange.read_exactly(len(REQUEST))
+            exchange.answer(self.answer)
+
+    def end(self):
+        try:
+            if self.daemon:
+                self.daemon.finish()
+        finally:
+            self.web.close()
+            self.router.__exit__(None, None, None)
+
+    def start_daemon(self):
+        self.control.renew()
+        self.daemon = Daemon()
+        with self.program.preloaded():
+            self.daemon.start()
+
+    def process_id(self):
+        return self.daemon.pid
+
+    def mark(self):
+        return self.daemon.log.mark() if self.daemon else 0
+
+    def errors_since(self, mark):
+        return self.daemon.log.errors(mark)
+
+    def shown_log(self):
+        return self.daemon.log.shown() + "\n" + self.daemon.errors if self.daemon else ""
+
+    def call(self, method, message=None):
+        """Calls the daemon; the status."""
+        try:
+            self.bus.invoke(self.object_id, method, message)
+        except ubus_wire.Refused as refused:
+            return refused.status
+        return 0
+
+
+class DaemonStart(DaemonScenario):
+    """From main() to the object on the bus."""
+
+    lasting = False
+    short = True
+
+    def play(self):
+        self.start_daemon()
+        log = self.daemon.log
+        with ubus_wire.Client(BUS_SOCKET) as bus:
+            def has_started():
+                assert self.daemon.alive, self.daemon.errors
+                self.is_listed = ubus_wire.status_of(bus.lookup, OBJECT) == 0
+                return self.is_listed or self._logged_by("swCloudRelayClientInit")
+
+            self.wait_failing(has_started, "the daemon has started")
+        with contextlib.suppress(AssertionError):  # the line itself may be what failed
+            wait_until(lambda: self._logged_by("adSysApiInit"), "the identity is logged", 0.5)
+        return ["on the bus" if self.is_listed else "not on the bus",
+                "identity" if log.count("Init OK.") else "no identity"]
+
+    def _logged_by(self, function):
+        return any(entry.function == function for entry in self.daemon.log.entries)
+
+    def leave(self):
+        self.daemon.finish()
+        self.daemon = None
+
+
+class DaemonSession(DaemonScenario):
+    """A worker's whole life: connect, hello, heartbeat, request, token, stop."""
+
+    on_main, on_others = False, True
+    steps = (hello, heartbeat, request, token)
+
+    def begin(self):
+        super().begin()
+        self.relay = ServingRelay(self.authority.certificate(), self.steps)
+        self.start_daemon()
+        self.daemon.wait_for_object()
+        self.bus = ubus_wire.Client(BUS_SOCKET)
+        self.object_id = self.bus.lookup_id(OBJECT)
+
+    def end(self):
+        self.relay.close()
+        super().end()
+
+    def _worker_has_ended(self):
+        return len(self.daemon.threads()) == 1
+
+    def play(self):
+        self.relay.begin()
+        status = self.call("reload", {"address": self.relay.address, "port": self.relay.port})
+        deadline = time.monotonic() + ROUND_LIMIT_S
+        while not self.relay.has_finished and not self._worker_has_ended():
+            if time.monotonic() > deadline:
+                raise Problem(f"neither served nor ended within {ROUND_LIMIT_S} s")
+            if any(what in self.relay.history for what in ("NothingCame", "AssertionError")):
+                break  # the relay does not wait longer; a stop follows
+            time.sleep(0.01)
+        stopped = self.call("stop")
+        try:
+            wait_until(self._worker_has_ended, "the worker ends", ROUND_LIMIT_S)
+        finally:
+            self.relay.let_go()
+        return [f"reload {status}", *self.relay.history, f"stop {stopped}"]
+
+
+SCENARIOS = {
+    "daemon_start": DaemonStart,
+    "daemon_session": DaemonSession,
+}

@@ -1,0 +1,42 @@
+"""Failures after which a program is not as it should be, and nothing of ours can help it."""
+
+import re
+from dataclasses import dataclass
+
+
+@dataclass(frozen=True)
+class Known:
+    """`call` failed within one of the `functions`, and what is found then is like `finding`."""
+    call: str
+    functions: tuple
+    finding: str
+    reason: str
+
+    def explains(self, hit, problem):
+        return (re.fullmatch(self.call, hit.name) and set(self.functions) & set(hit.functions()) and
+                re.search(self.finding, problem))
+
+
+KNOWN = (
+    Known("strdup", ("json_tokener_parse_ex",), r"SEGV[\s\S]*json_object_object_add_ex",
+          "json-c does not look whether the copy of a member's name was made"),
+    Known("strdup|malloc|calloc", ("json_object_object_add_ex",), r"left behind: blocks",
+          "json-c loses a member that it cannot add"),
+    Known("realloc", ("json_tokener_parse_ex",), r"without an error line",
+          "json-c drops what a text's buffer has no room for, and parses on"),
+    Known("pthread_mutex_lock", ("wolfSSL_CTX_free", "wolfSSL_free", "wolfSSL_CTX_new_ex",
+                                 "wolfSSL_new"), r"left behind: blocks",
+          "wolfSSL frees nothing whose lock it does not get"),
+    Known("clock_gettime", ("uloop_gettime",), "",
+          "libubox takes what stands in the record when the clock cannot be read"),
+    Known("asprintf|stat", ("uci_load_delta", "uci_load_delta_file"), r"left behind: descriptors",
+          "libuci leaves the file open when it cannot look for staged changes"),
+)
+
+
+def reason_for(hit, problem):
+    """Why this problem is none of ours; None when it is."""
+    for known in KNOWN:
+        if known.explains(hit, problem):
+            return known.reason
+    return None
