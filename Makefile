@@ -19,7 +19,7 @@ export PYTHONDONTWRITEBYTECODE := 1
 
 .DEFAULT_GOAL := help
 .PHONY: help setup setup-checks build programs test fuzz memcheck cross demo bench format lint \
-	clean torture torture-with
+	clean torture torture-with faults
 
 help: ## list the commands
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-8s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
@@ -63,10 +63,15 @@ torture-with: setup-checks $(BUILD)/build.ninja
 	@CRC_BIN=$(CURDIR)/$(BUILD)/bin $(PYTHON) tests/torture/torture.py $(if $(SHORT),--short) \
 		$(if $(SCENARIO),--scenario '$(SCENARIO)') $(if $(N),--n $(N)) $(if $(LATER),--later)
 
+# CRC_BIN names programs that are built already.
+faults: setup-checks $(if $(CRC_BIN),,programs) ## break the line in every way, 100 times each (TIMES=4: in 2 minutes; SEED=)
+	@export CRC_BIN='$(or $(CRC_BIN),$(CURDIR)/$(BUILD)/bin)'; $(PYTHON) tests/faults/run.py \
+		$(if $(TIMES),--times $(TIMES)) $(if $(SEED),--seed $(SEED))
+
 cross: ## build and test what runs on the router for other CPUs (CPU="armhf s390x": those)
 	@packaging/cross.sh $(CPU)
 
-# What the demo starts; tests take much longer to build.
+# What the demo and the long runs start; tests take much longer to build.
 programs: setup $(BUILD)/build.ninja
 	@cmake --build --preset $(PRESET) -j $(JOBS) \
 		--target cloud_relay_client cloud_relay_supervisor relay_server ubusd ubus_tool
