@@ -14,18 +14,19 @@ SIZES = (0, 1, 100, 1000, 5000, 16384, 40_000, 150_000, 600_000)  # of bodies
 # The daemon waits 5 s for the next 16384 bytes; a shorter pause must do no harm.
 LONGEST_PAUSE_S = 3
 LOSS_PERCENT = 20
+# Each is a packet and costs as much, and a request has but 10 s on the router.
+SINGLE_BYTES = 3000
 OUTAGE_S = (1, 15)
 
 
 @dataclass(frozen=True)
 class Blow:
     """What is going to happen at the byte. `is_gentle`: nothing may fail of it. `is_lasting`: one
-    end has nothing but its own limits to notice by. `largest_body`: of the requests meanwhile."""
+    end has nothing but its own limits to notice by."""
     what: str
     act: Callable[[Road], None]
     is_gentle: bool = False
     is_lasting: bool = False
-    largest_body: int = SIZES[-1]
 
 
 def _reset(*_):
@@ -72,9 +73,8 @@ def _loss(dice, cycle, line, packets):
 
 def _byte_by_byte(*_):
     def act(road):
-        road.byte_by_byte = True
-    # Each byte is a packet and costs as much; a request has 10 s on the router.
-    return Blow("every byte by itself", act, is_gentle=True, largest_body=20_000)
+        road.single_bytes = SINGLE_BYTES
+    return Blow(f"{SINGLE_BYTES} bytes by themselves", act, is_gentle=True)
 
 
 def _stall(dice, *_):

@@ -62,7 +62,7 @@ class Road:
         self.history = []         # the first pieces: direction and bytes
         self.opening = bytearray()  # the first bytes of the router
         self.stands = True
-        self.byte_by_byte = False
+        self.single_bytes = 0  # so many of the next travel by themselves
         self._resumes_at = 0.0
         self.fault = None
         for each in (device, relay):
@@ -152,7 +152,7 @@ class Road:
 
     def _send(self, direction, flow):
         while flow.pending:
-            piece = flow.pending[:1] if self.byte_by_byte else flow.pending
+            piece = flow.pending[:1] if self.single_bytes > 0 else flow.pending
             fault = self.fault if self.fault and self.fault.direction == direction else None
             if fault:
                 piece = piece[:max(1, fault.at - flow.sent)]
@@ -161,6 +161,7 @@ class Road:
             except BlockingIOError:
                 return
             flow.sent += count
+            self.single_bytes -= 1
             flow.pending = flow.pending[count:]
             if fault and flow.sent >= fault.at:
                 self.fault = None
@@ -200,27 +201,42 @@ class Line:
                 self._for_next = fault
             else:
                 fault.at += self.last.sent(fault.direction)
-                self.last.fault = fault
-        self._do(put)
+                fault.road, self.last.fault = self.last, fault
+        self.do(put)
         return fault
+
+    def strike_now(self, fault):
+        """Has a fault strike that is armed on a connection, if that still stands. False when it had
+        struck before."""
+        def strike():
+            has_struck.append(fault.struck.is_set())
+            fault.road.fault = None
+            if not fault.struck.is_set() and fault.road.stands:
+                fault.strike(fault.road)
+            fault.struck.set()
+        has_struck = []
+        self.do(strike)
+        return not has_struck[0]
 
     def sever(self):
         """Resets every connection that stands."""
-        self._do(lambda: [road.reset() for road in self._roads])
+        self.do(lambda: [road.reset() for road in self._roads])
 
     def lift(self):
-        """Takes back what a fault has left armed or slow."""
+        """Takes back what a fault has left armed, slow, or for later."""
         def take_back():
             self._for_next = None
+            self._timers = []
             for road in self._roads:
-                road.byte_by_byte, road.fault = False, None
-        self._do(take_back)
+                road.single_bytes, road.fault = 0, None
+        self.do(take_back)
 
     def later(self, seconds, action):
-        """Has `action` run on the line's thread."""
-        self._do(lambda: self._timers.append((time.monotonic() + seconds, action)))
+        """The same, but later, unless it is lifted before."""
+        self.do(lambda: self._timers.append((time.monotonic() + seconds, action)))
 
-    def _do(self, action):
+    def do(self, action):
+        """Has `action` run on the line's thread, in the network that the relay is in."""
         if threading.current_thread() is self._thread:
             action()
             return

@@ -19,8 +19,8 @@ BOTH = (UP, DOWN)
 
 
 class Packets:
-    """`network`: the name of the network behind the uplink. The caller's thread lives in the
-    relay's network."""
+    """`network`: the name of the network behind the uplink. Verbs run on the line's thread, which
+    lives in the relay's network."""
 
     def __init__(self, network):
         self._enter = ["nsenter", f"--net=/var/run/netns/{network}"]
@@ -29,8 +29,10 @@ class Packets:
         _run([*enter, "nft", "-f", "-"], _TABLE.format(coming=coming, leaving=leaving))
 
     def _swallow_towards_relay(self, road, directions):
-        port = road.relay.getsockname()[1]
-        rules = {UP: f"tcp sport {port} drop;", DOWN: f"tcp dport {port} drop;"}
+        # Both ports: a user's connection may have one of them, too.
+        ours, theirs = road.relay.getsockname()[1], road.relay.getpeername()[1]
+        rules = {UP: f"tcp sport {ours} tcp dport {theirs} drop;",
+                 DOWN: f"tcp sport {theirs} tcp dport {ours} drop;"}
         self._load([], "", "".join(rules[each] for each in directions))
 
     def swallow(self, road, directions=BOTH):

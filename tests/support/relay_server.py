@@ -20,9 +20,11 @@ BASE_DOMAIN = "localhost"
 
 class RelayServer:
     """`options` are merged into the configuration, section by section. `front_certificate`: what
-    users see, when they are to speak TLS."""
+    users see, when they are to speak TLS. `environment` is added to ours."""
 
-    def __init__(self, folder, certificate, policy=None, options=None, front_certificate=None):
+    def __init__(self, folder, certificate, policy=None, options=None, front_certificate=None,
+                 environment=None):
+        self._environment = environment
         self.folder = Path(folder)
         self.folder.mkdir(parents=True, exist_ok=True)
         self.certificate = self.folder / "relay.pem"
@@ -71,7 +73,8 @@ class RelayServer:
     def start(self):
         # It dies with the tests, however those end.
         self.process = Process(shutil.which("setpriv"), "--pdeathsig", "KILL",
-                               program("relay_server"), "--config", self.configuration)
+                               program("relay_server"), "--config", self.configuration,
+                               environment=self._environment)
         ports = self.log.wait_for(r"devices connect to \S+ port (\d+)(?s:.*)users come to \S+ port "
                                   r"(\d+)(?s:.*)operators come to \S+ port (\d+)")
         self.device_port, self.front_port, self.admin_port = map(int, ports.groups())

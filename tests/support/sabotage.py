@@ -98,4 +98,5 @@ class Sabotage:
         if self._leaker:
             self._leaker.stdin.write(self._name + "\n")
         if self._name == "stay-away":
-            chain.supervisor.finish()
+            chain.supervisor.stop()
+            self._name = ""
