@@ -2,7 +2,6 @@
 
 PRESET ?= release
 JOBS ?= $(shell nproc)
-SECONDS ?= 600
 PYTHON := /usr/bin/python3
 BUILD := build/$(PRESET)
 SOURCES = $(shell git ls-files -co --exclude-standard '*.cpp' '*.h')
@@ -18,8 +17,8 @@ export PATH := $(PATH):/usr/local/sbin:/usr/sbin:/sbin
 export PYTHONDONTWRITEBYTECODE := 1
 
 .DEFAULT_GOAL := help
-.PHONY: help setup setup-checks build programs test fuzz memcheck cross demo bench format lint \
-	clean torture torture-with faults
+.PHONY: help setup setup-checks build programs test fuzz memcheck torture torture-with faults soak \
+	cross demo bench format lint clean
 
 help: ## list the commands
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-8s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
@@ -45,7 +44,7 @@ test: setup-checks build ## build, then run every test
 fuzz: setup-checks ## fuzz every parser for SECONDS each (600), two at a time (FUZZERS="a b": those)
 	@[ -f build/fuzz/build.ninja ] || cmake --preset fuzz
 	@cmake --build --preset fuzz -j $(JOBS)
-	@$(PYTHON) tests/fuzz/fuzz.py --seconds $(SECONDS) $(FUZZERS)
+	@$(PYTHON) tests/fuzz/fuzz.py --seconds $(or $(SECONDS),600) $(FUZZERS)
 
 memcheck: setup-checks build ## run the daemon's black-box suite under valgrind
 	@cd tests/system && CRC_VALGRIND=1 CRC_BIN=$(CURDIR)/$(BUILD)/bin \
@@ -67,6 +66,11 @@ torture-with: setup-checks $(BUILD)/build.ninja
 faults: setup-checks $(if $(CRC_BIN),,programs) ## break the line in every way, 100 times each (TIMES=4: in 2 minutes; SEED=)
 	@export CRC_BIN='$(or $(CRC_BIN),$(CURDIR)/$(BUILD)/bin)'; $(PYTHON) tests/faults/run.py \
 		$(if $(TIMES),--times $(TIMES)) $(if $(SEED),--seed $(SEED))
+
+soak: setup-checks $(if $(CRC_BIN),,programs) ## a million requests with faults among them (REQUESTS=; SECONDS=45: in a minute; SEED=)
+	@export CRC_BIN='$(or $(CRC_BIN),$(CURDIR)/$(BUILD)/bin)'; $(PYTHON) tests/soak/run.py \
+		$(if $(REQUESTS),--requests $(REQUESTS)) $(if $(SECONDS),--seconds $(SECONDS)) \
+		$(if $(SEED),--seed $(SEED))
 
 cross: ## build and test what runs on the router for other CPUs (CPU="armhf s390x": those)
 	@packaging/cross.sh $(CPU)
