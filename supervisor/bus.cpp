@@ -105,10 +105,17 @@ void tell_presence() {
     listener->on_presence(daemon_id != 0 ? presence::there : presence::missing);
 }
 
-void look_up_daemon() {
+// False when the bus gave no answer: a daemon that is there must not be taken for missing, as a
+// missing one is restarted.
+bool look_up_daemon() {
     uint32_t id = 0;
-    daemon_id = ubus_lookup_id(context, DAEMON_OBJECT, &id) == UBUS_STATUS_OK ? id : 0;
+    int status = ubus_lookup_id(context, DAEMON_OBJECT, &id);
+    if (status != UBUS_STATUS_OK && status != UBUS_STATUS_NOT_FOUND) {
+        return false;
+    }
+    daemon_id = status == UBUS_STATUS_OK ? id : 0;
     tell_presence();
+    return true;
 }
 
 enum event_field { EVENT_ID, EVENT_PATH, EVENT_FIELD_COUNT };
@@ -202,11 +209,9 @@ bool connect_again() {
 
 void retry_connection(uloop_timeout* /*timer*/) {
     bool connected = context == nullptr ? connect_first() : connect_again();
-    if (!connected || !set_up_connection()) {
+    if (!connected || !set_up_connection() || !look_up_daemon()) {
         uloop_timeout_set(&connection_timer, RECONNECT_MS);
-        return;
     }
-    look_up_daemon();
 }
 
 // --- calls ---
