@@ -1,5 +1,6 @@
 #include "base/access_log.h"
 
+#include "base/log.h"
 #include "base/text.h"
 
 #include <boost/json/serialize.hpp>
@@ -68,6 +69,8 @@ bool AccessLog::open(const std::string& path, std::string& error) {
     if (file_ > STDERR_FILENO)
         close(file_);
     file_ = file;
+    lines_.clear(); // the rest of a cut line belongs to the former file
+    is_cut_ = false;
     return true;
 }
 
@@ -93,12 +96,27 @@ void AccessLog::add(const AccessRecord& record) {
         flush();
 }
 
+// A reader that is gone, or a full disk, must not stop the relay: lines are lost then, but none is
+// cut. The rest of a line of which the file took a part leads the next flush.
 void AccessLog::flush() {
-    if (file_ >= 0 && !lines_.empty()) {
-        // A reader that is gone, or a full disk, must not stop the relay.
-        [[maybe_unused]] const auto written = write(file_, lines_.data(), lines_.size());
+    if (file_ < 0 || lines_.empty())
+        return;
+    const bool begins_within_line = is_cut_;
+    const auto written = write(file_, lines_.data(), lines_.size());
+    const int reason = errno;
+    const std::size_t taken = written > 0 ? static_cast<std::size_t>(written) : 0;
+    const bool is_whole = taken == lines_.size();
+    is_cut_ = taken > 0 ? lines_[taken - 1] != '\n' : begins_within_line;
+    lines_.erase(0, taken);
+    lines_.resize(is_cut_ ? lines_.find('\n') + 1 : 0);
+    if (is_whole == is_losing_) {
+        is_losing_ = !is_whole;
+        if (is_whole)
+            log::info("the access log is written again");
+        else
+            log::error("lines of the access log are lost: ",
+                       written < 0 ? std::strerror(reason) : "a part of them was written");
     }
-    lines_.clear();
 }
 
 } // namespace relay

@@ -39,6 +39,8 @@ public:
 private:
     int file_ = -1;
     std::string lines_;
+    bool is_cut_ = false;    // the file ends within a line, with whose rest lines_ begins
+    bool is_losing_ = false; // the last flush lost lines
 };
 
 } // namespace relay

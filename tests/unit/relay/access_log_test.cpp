@@ -6,6 +6,9 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <csignal>
+
+#include <sys/resource.h>
 
 namespace relay {
 namespace {
@@ -138,6 +141,79 @@ TEST_F(AccessLogFile, ThatCannotBeOpenedLeavesTheFormerOne) {
               folder_.file("none/access.log") + " cannot be written: No such file or directory");
     log_.add(record());
     EXPECT_THAT(written(), StartsWith("{\"time\""));
+}
+
+// Lets no file of this process grow beyond `bytes`, as a full disk does.
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(rlim_t bytes) {
+        std::signal(SIGXFSZ, SIG_IGN);
+        getrlimit(RLIMIT_FSIZE, &former_);
+        const rlimit narrow{bytes, former_.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &narrow);
+    }
+    ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &former_); }
+
+private:
+    rlimit former_{};
+};
+
+TEST_F(AccessLogFile, OnAFullDiskLosesLinesAndSaysSoOnce) {
+    constexpr rlim_t size = 4096; // what is captured of standard error stays below it
+    folder_.write("access.log", std::string(size - 1, 'x') + '\n');
+    open();
+    testing::internal::CaptureStderr();
+    {
+        const FileSizeLimit full(size);
+        for (int i = 0; i < 3; ++i) {
+            log_.add(record());
+            log_.flush();
+        }
+    }
+    log_.add(record());
+    log_.flush();
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_THAT(said,
+                testing::HasSubstr(" error lines of the access log are lost: File too large\n"));
+    EXPECT_THAT(said, testing::HasSubstr(" info the access log is written again\n"));
+    EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 2);
+    const std::string text = written();
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2);
+}
+
+TEST_F(AccessLogFile, OnAFullDiskHoldsNoCutLine) {
+    open();
+    log_.add(record());
+    const std::size_t line = written().size();
+    testing::internal::CaptureStderr();
+    {
+        const FileSizeLimit full(line + line / 2);
+        log_.add(record());
+        log_.add(record()); // lost
+        log_.flush();
+        log_.add(record()); // lost
+        log_.flush();
+        EXPECT_EQ(folder_.read("access.log").size(), line + line / 2);
+    }
+    log_.add(record());
+    const std::string text = written();
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(text.size(), 3 * line);
+    for (std::size_t at = 0; at < text.size(); at += line)
+        EXPECT_EQ(text.substr(at, line), text.substr(0, line));
+}
+
+TEST_F(AccessLogFile, OpenedAnewBeginsWithAWholeLine) {
+    open();
+    testing::internal::CaptureStderr();
+    {
+        const FileSizeLimit full(10);
+        log_.add(record());
+        open("other.log");
+    }
+    log_.add(record());
+    EXPECT_THAT(written("other.log"), StartsWith("{\"time\""));
+    testing::internal::GetCapturedStderr();
 }
 
 TEST_F(AccessLogFile, MayBeTurnedOff) {
