@@ -1,5 +1,6 @@
 #include "relay.h"
 
+#include "base/guarded.h"
 #include "base/log.h"
 
 #include <csignal>
@@ -39,10 +40,10 @@ bool Relay::listen(std::string& error) {
 void Relay::run() {
     deadlines_.start([this] { each_sweep(); });
     wait_for_signal();
-    context_.run();
+    run_through([this] { context_.run(); });
     // Everything is closed; what still ran to its end on that gives back what it holds.
     context_.restart();
-    context_.run_for(farewell);
+    run_through([this] { context_.run_for(farewell); });
     log::info("ended");
 }
 
@@ -50,15 +51,19 @@ void Relay::wait_for_signal() {
     signals_.async_wait([this](error_code error, int number) {
         if (error)
             return;
-        if (number == SIGHUP)
-            reload();
-        else if (draining_)
-            return end(); // asked twice
-        else
-            drain();
+        guarded("a signal failed", [this, number] { obey(number); });
         if (!context_.stopped())
             wait_for_signal();
     });
+}
+
+void Relay::obey(int number) {
+    if (number == SIGHUP)
+        reload();
+    else if (draining_)
+        end(); // asked twice
+    else
+        drain();
 }
 
 // Each part on its own: a mistake in one file keeps nothing else from being taken over.

@@ -24,6 +24,7 @@ public:
 
 private:
     void wait_for_signal();
+    void obey(int number);
     void reload();
     void drain();
     void each_sweep();

@@ -4,7 +4,6 @@
 #include "admin/device_json.h"
 #include "admin/prometheus.h"
 #include "base/json_reader.h"
-#include "base/listen.h"
 #include "base/spawn.h"
 #include "base/text.h"
 #include "devices/hello.h"
@@ -80,7 +79,9 @@ bool is_from_elsewhere(const Admin::Request& request) {
 
 } // namespace
 
-Admin::Admin(const Services& services) : services_(services), acceptor_(services.executor) {}
+Admin::Admin(const Services& services)
+    : services_(services), listener_(services.executor, services.deadlines,
+                                     [this](Socket socket) { welcome(std::move(socket)); }) {}
 
 bool Admin::load(std::string& error) {
     const auto& path = services_.config.admin.token_file;
@@ -99,31 +100,18 @@ bool Admin::load(std::string& error) {
 }
 
 bool Admin::listen(std::string& error) {
-    if (!relay::listen(acceptor_, services_.config.admin.listen, error))
-        return false;
-    spawn(services_.executor, accept());
-    return true;
+    return listener_.listen(services_.config.admin.listen, error);
 }
 
 std::uint16_t Admin::port() const {
-    error_code ignored;
-    return acceptor_.local_endpoint(ignored).port();
+    return listener_.port();
 }
 
 void Admin::close_all() {
+    listener_.close();
     error_code ignored;
-    acceptor_.close(ignored);
     for (Socket* const socket : connections_)
         socket->close(ignored);
-}
-
-Awaitable<void> Admin::accept() {
-    Socket socket(services_.executor);
-    bool accepted = co_await relay::accept(acceptor_, socket);
-    while (accepted) {
-        welcome(std::move(socket));
-        accepted = co_await relay::accept(acceptor_, socket);
-    }
 }
 
 void Admin::welcome(Socket socket) {
@@ -131,8 +119,9 @@ void Admin::welcome(Socket socket) {
         return; // closes it
     const auto connection = std::make_shared<Socket>(std::move(socket));
     connections_.insert(connection.get());
-    spawn(services_.executor, serve(connection),
-          [this, connection] { connections_.erase(connection.get()); });
+    spawn(
+        services_.executor, alive_, [&] { return serve(connection); },
+        [this, connection] { connections_.erase(connection.get()); });
 }
 
 Awaitable<void> Admin::serve(std::shared_ptr<Socket> socket) {

@@ -13,14 +13,13 @@
 
 #include "base/config.h"
 #include "base/deadlines.h"
+#include "base/listen.h"
 #include "base/memory_budget.h"
 #include "base/metrics.h"
 #include "devices/devices.h"
 
 #include <boost/beast/http/message.hpp>
 #include <boost/beast/http/string_body.hpp>
-
-#include <boost/asio/basic_socket_acceptor.hpp>
 
 #include <cstdint>
 #include <memory>
@@ -55,7 +54,6 @@ public:
     void close_all();
 
 private:
-    Awaitable<void> accept();
     void welcome(Socket socket);
     Awaitable<void> serve(std::shared_ptr<Socket> socket);
     Awaitable<void> answer(const Request& request, Response& response);
@@ -65,8 +63,9 @@ private:
 
     Services services_;
     std::string token_;
-    Acceptor acceptor_;
+    Listener listener_;
     std::set<Socket*> connections_;
+    const std::shared_ptr<const void> alive_ = std::make_shared<char>(); // the first to go
 };
 
 } // namespace relay

@@ -1,5 +1,7 @@
 #include "base/deadlines.h"
 
+#include "base/guarded.h"
+
 namespace relay {
 namespace {
 
@@ -34,7 +36,7 @@ void Deadlines::wait() {
         if (error || stopped_)
             return;
         sweep();
-        each_time_();
+        guarded("a timer failed", each_time_);
         if (!stopped_)
             wait();
     });
@@ -48,9 +50,11 @@ void Deadlines::sweep() {
         if (deadline.time_ > now)
             continue;
         deadline.clear();
-        // A copy: the call may destroy the deadline and the function in it.
-        const auto on_passed = deadline.on_passed_;
-        on_passed();
+        guarded("a time limit failed", [&deadline] {
+            // A copy: the call may destroy the deadline and the function in it.
+            const auto on_passed = deadline.on_passed_;
+            on_passed();
+        });
     }
 }
 

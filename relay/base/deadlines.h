@@ -2,7 +2,8 @@
 //
 // There are thousands of them, nearly all are moved or withdrawn before they pass, and none needs
 // to be exact: so moving one is an assignment, and a sweep every `sweep_interval` finds those that
-// have passed. Owned by the relay; used on its thread.
+// have passed. One that throws is logged, and the sweeps go on. Owned by the relay; used on its
+// thread.
 #pragma once
 
 #include "base/asio.h"

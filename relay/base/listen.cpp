@@ -1,6 +1,6 @@
 #include "base/listen.h"
 
-#include "base/log.h"
+#include "base/spawn.h"
 
 namespace relay {
 namespace {
@@ -10,34 +10,74 @@ constexpr std::chrono::milliseconds shortage_pause{100};
 
 } // namespace
 
-bool listen(Acceptor& acceptor, const ListenAddress& address, std::string& error) {
-    const Tcp::endpoint endpoint(asio::ip::make_address(address.host), address.port);
+Listener::Listener(Executor executor, Deadlines& deadlines, std::function<void(Socket)> welcome)
+    : acceptor_(executor), welcome_(std::move(welcome)), again_(deadlines, [this] { start(); }) {}
+
+bool Listener::listen(const ListenAddress& address, std::string& error) {
     error_code wrong;
-    acceptor.open(endpoint.protocol(), wrong);
-    if (!wrong)
-        acceptor.set_option(Acceptor::reuse_address(true), wrong);
-    if (!wrong)
-        acceptor.bind(endpoint, wrong);
-    if (!wrong)
-        acceptor.listen(Acceptor::max_listen_connections, wrong);
-    if (wrong)
+    open(address, wrong);
+    if (wrong) {
         error = "cannot listen on " + address.host + " port " + std::to_string(address.port) +
                 ": " + wrong.message();
-    return !wrong;
+        return false;
+    }
+    start();
+    return true;
 }
 
-Awaitable<bool> accept(Acceptor& acceptor, Socket& socket) {
+void Listener::open(const ListenAddress& address, error_code& wrong) {
+    const Tcp::endpoint endpoint(asio::ip::make_address(address.host), address.port);
+    acceptor_.open(endpoint.protocol(), wrong);
+    if (!wrong)
+        acceptor_.set_option(Acceptor::reuse_address(true), wrong);
+    if (!wrong)
+        acceptor_.bind(endpoint, wrong);
+    if (!wrong)
+        acceptor_.listen(Acceptor::max_listen_connections, wrong);
+}
+
+std::uint16_t Listener::port() const {
+    error_code ignored;
+    return acceptor_.local_endpoint(ignored).port();
+}
+
+void Listener::close() {
+    again_.clear();
+    error_code ignored;
+    acceptor_.close(ignored);
+}
+
+void Listener::start() {
+    spawn(
+        acceptor_.get_executor(), alive_, [this] { return take_all(); },
+        [this] {
+            if (acceptor_.is_open())
+                again_.set(shortage_pause);
+        });
+}
+
+Awaitable<void> Listener::take_all() {
+    Socket socket(acceptor_.get_executor());
+    bool taken = co_await take(socket);
+    while (taken) {
+        guarded("a connection failed", [&] { welcome_(std::move(socket)); });
+        taken = co_await take(socket);
+    }
+}
+
+// The next connection. A shortage of descriptors is waited out; false when the listener is closed.
+Awaitable<bool> Listener::take(Socket& socket) {
     error_code error;
-    co_await acceptor.async_accept(socket, into(error));
-    while (error && acceptor.is_open()) {
+    co_await acceptor_.async_accept(socket, into(error));
+    while (error && acceptor_.is_open()) {
         if (error != asio::error::connection_aborted) {
             log::error("cannot accept a connection: ", error.message());
-            Timer pause(acceptor.get_executor(), shortage_pause);
+            Timer pause(acceptor_.get_executor(), shortage_pause);
             co_await pause.async_wait(into(error));
         }
-        co_await acceptor.async_accept(socket, into(error));
+        co_await acceptor_.async_accept(socket, into(error));
     }
-    co_return acceptor.is_open();
+    co_return acceptor_.is_open();
 }
 
 } // namespace relay

@@ -1,6 +1,5 @@
 #include "devices/devices.h"
 
-#include "base/listen.h"
 #include "base/spawn.h"
 
 #include <algorithm>
@@ -12,7 +11,7 @@ Devices::Devices(const Executor& executor, const Config& config, Deadlines& dead
     : executor_(executor), options_(config.devices),
       metrics_(metrics), services_{config.devices, deadlines, budget,
                                    metrics,        *this,     config.front.hold},
-      acceptor_(executor) {}
+      listener_(executor, deadlines, [this](Socket socket) { welcome(std::move(socket)); }) {}
 
 bool Devices::load_certificate(std::string& error) {
     auto tls = make_tls_context(options_.certificate, options_.key, error);
@@ -35,21 +34,16 @@ bool Devices::load_policy(std::string& error) {
 }
 
 bool Devices::listen(std::string& error) {
-    if (!relay::listen(acceptor_, options_.listen, error))
-        return false;
-    spawn(executor_, accept());
-    return true;
+    return listener_.listen(options_.listen, error);
 }
 
 std::uint16_t Devices::port() const {
-    error_code ignored;
-    return acceptor_.local_endpoint(ignored).port();
+    return listener_.port();
 }
 
 void Devices::drain() {
     draining_ = true;
-    error_code ignored;
-    acceptor_.close(ignored);
+    listener_.close();
 }
 
 void Devices::close_all() {
@@ -104,19 +98,10 @@ void Devices::ended(DeviceSession& session) {
         sessions_.erase(found);
 }
 
-Awaitable<void> Devices::accept() {
-    Socket socket(executor_);
-    bool accepted = co_await relay::accept(acceptor_, socket);
-    while (accepted) {
-        ++metrics_.device_connections;
-        welcome(std::move(socket));
-        accepted = co_await relay::accept(acceptor_, socket);
-    }
-}
-
 // Handshakes are capped. When all are taken the oldest has to go: one who opens connections and
 // says nothing then crowds out himself, and a device that does say hello is long through.
 void Devices::welcome(Socket socket) {
+    ++metrics_.device_connections;
     if (sessions_.size() + newcomers_.size() >= options_.max_connections) {
         metrics_.refuse(Refusal::crowded_out);
         return; // closes it
@@ -128,10 +113,12 @@ void Devices::welcome(Socket socket) {
     }
     const auto session = std::make_shared<DeviceSession>(services_, std::move(socket), tls_);
     newcomers_.push_back(session);
-    spawn(executor_, session->run(), [this, session] {
-        session->close("the relay failed");
-        ended(*session);
-    });
+    spawn(
+        executor_, alive_, [&session] { return session->run(); },
+        [this, session] {
+            session->close("the relay failed");
+            ended(*session);
+        });
 }
 
 } // namespace relay

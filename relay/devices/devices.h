@@ -2,11 +2,10 @@
 #pragma once
 
 #include "base/config.h"
+#include "base/listen.h"
 #include "devices/device_services.h"
 #include "devices/device_session.h"
 #include "devices/policy.h"
-
-#include <boost/asio/basic_socket_acceptor.hpp>
 
 #include <functional>
 #include <map>
@@ -47,7 +46,6 @@ private:
     void admitted(DeviceSession& session) override;
     void ended(DeviceSession& session) override;
 
-    Awaitable<void> accept();
     void welcome(Socket socket);
 
     Executor executor_;
@@ -56,10 +54,11 @@ private:
     DeviceServices services_;
     Policy policy_;
     TlsContext tls_;
-    Acceptor acceptor_;
+    Listener listener_;
     bool draining_ = false;
     std::map<std::string, std::shared_ptr<DeviceSession>, std::less<>> sessions_; // by device_key()
     std::vector<std::shared_ptr<DeviceSession>> newcomers_; // no session yet; the oldest first
+    const std::shared_ptr<const void> alive_ = std::make_shared<char>(); // the first to go
 };
 
 } // namespace relay

@@ -7,7 +7,9 @@
 
 namespace relay {
 
-Front::Front(const Services& services) : services_(services), acceptor_(services.executor) {}
+Front::Front(const Services& services)
+    : services_(services), listener_(services.executor, services.deadlines,
+                                     [this](Socket socket) { welcome(std::move(socket)); }) {}
 Front::~Front() = default;
 
 bool Front::load(std::string& error) {
@@ -22,21 +24,16 @@ bool Front::load(std::string& error) {
 }
 
 bool Front::listen(std::string& error) {
-    if (!relay::listen(acceptor_, services_.config.front.listen, error))
-        return false;
-    spawn(services_.executor, accept());
-    return true;
+    return listener_.listen(services_.config.front.listen, error);
 }
 
 std::uint16_t Front::port() const {
-    error_code ignored;
-    return acceptor_.local_endpoint(ignored).port();
+    return listener_.port();
 }
 
 void Front::drain() {
     draining_ = true;
-    error_code ignored;
-    acceptor_.close(ignored);
+    listener_.close();
     for (const auto& connection : connections_)
         if (connection->is_idle())
             connection->close();
@@ -52,15 +49,6 @@ void Front::ended(UserConnection& connection) {
     services_.metrics.user_connections_open = connections_.size();
 }
 
-Awaitable<void> Front::accept() {
-    Socket socket(services_.executor);
-    bool accepted = co_await relay::accept(acceptor_, socket);
-    while (accepted) {
-        welcome(std::move(socket));
-        accepted = co_await relay::accept(acceptor_, socket);
-    }
-}
-
 void Front::welcome(Socket socket) {
     Metrics& metrics = services_.metrics;
     ++metrics.user_connections;
@@ -70,7 +58,9 @@ void Front::welcome(Socket socket) {
         std::make_shared<UserConnection>(*this, services_, std::move(socket), tls_);
     connections_.insert(connection);
     metrics.user_connections_open = connections_.size();
-    spawn(services_.executor, connection->run(), [this, connection] { ended(*connection); });
+    spawn(
+        services_.executor, alive_, [&connection] { return connection->run(); },
+        [this, connection] { ended(*connection); });
 }
 
 } // namespace relay

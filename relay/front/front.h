@@ -48,14 +48,14 @@ public:
     void ended(UserConnection& connection);
 
 private:
-    Awaitable<void> accept();
     void welcome(Socket socket);
 
     Services services_;
     TlsContext tls_;
-    Acceptor acceptor_;
+    Listener listener_;
     bool draining_ = false;
     std::unordered_set<std::shared_ptr<UserConnection>> connections_;
+    const std::shared_ptr<const void> alive_ = std::make_shared<char>(); // the first to go
 };
 
 } // namespace relay

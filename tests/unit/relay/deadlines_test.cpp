@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 
 #include <memory>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -134,6 +135,35 @@ TEST_F(DeadlineTest, MayDestroyAllThatFollow) {
     }
     sweep();
     EXPECT_THAT(passed_, ElementsAre(0));
+}
+
+TEST_F(DeadlineTest, ThatThrowsIsLoggedAndTheSweepsGoOn) {
+    Deadline failing(deadlines_, [] { throw std::runtime_error("no room"); });
+    const auto next = deadline(2);
+    failing.set(0s);
+    next->set(0s);
+    testing::internal::CaptureStderr();
+    sweep();
+    EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                testing::HasSubstr(" error a time limit failed: no room\n"));
+    EXPECT_THAT(passed_, ElementsAre(2));
+    next->set(0s);
+    sweep();
+    EXPECT_THAT(passed_, ElementsAre(2, 2));
+}
+
+TEST(DeadlinesAlone, GoOnWhenWhatFollowsASweepThrows) {
+    Coroutines coroutines;
+    Deadlines deadlines(coroutines.executor());
+    int sweeps = 0;
+    testing::internal::CaptureStderr();
+    deadlines.start([&] {
+        ++sweeps;
+        throw std::runtime_error("no room");
+    });
+    coroutines.run_until([&] { return sweeps == 2; });
+    EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                testing::HasSubstr(" error a timer failed: no room\n"));
 }
 
 TEST_F(DeadlineTest, MadeInACallIsSweptToo) {

@@ -4,58 +4,76 @@
 
 #include <gmock/gmock.h>
 
+#include <stdexcept>
+
 namespace relay {
 namespace {
 
 class Listening : public testing::Test {
 protected:
-    std::uint16_t port() { return acceptor_.local_endpoint().port(); }
+    void SetUp() override {
+        deadlines_.start([] {});
+    }
+
+    void listen() { ASSERT_TRUE(listener_.listen({"127.0.0.1", 0}, error_)) << error_; }
+
+    Socket user() {
+        Socket user(coroutines_.executor());
+        user.connect({asio::ip::make_address("127.0.0.1"), listener_.port()});
+        return user;
+    }
 
     Coroutines coroutines_;
-    Acceptor acceptor_{coroutines_.executor()};
+    Deadlines deadlines_{coroutines_.executor()};
+    int taken_ = 0;
+    std::function<void()> each_ = [] {};
+    Listener listener_{coroutines_.executor(), deadlines_, [this](Socket) {
+                           ++taken_;
+                           each_();
+                       }};
     std::string error_;
 };
 
 TEST_F(Listening, OnPortZeroTakesAFreeOne) {
-    ASSERT_TRUE(listen(acceptor_, {"127.0.0.1", 0}, error_)) << error_;
-    EXPECT_NE(port(), 0);
+    listen();
+    EXPECT_NE(listener_.port(), 0);
 }
 
 TEST_F(Listening, OnATakenPortSaysSoInOneSentence) {
-    ASSERT_TRUE(listen(acceptor_, {"127.0.0.1", 0}, error_)) << error_;
-    Acceptor other(coroutines_.executor());
-    EXPECT_FALSE(listen(other, {"127.0.0.1", port()}, error_));
-    EXPECT_EQ(error_, "cannot listen on 127.0.0.1 port " + std::to_string(port()) +
+    listen();
+    Listener other(coroutines_.executor(), deadlines_, [](Socket) {});
+    EXPECT_FALSE(other.listen({"127.0.0.1", listener_.port()}, error_));
+    EXPECT_EQ(error_, "cannot listen on 127.0.0.1 port " + std::to_string(listener_.port()) +
                           ": Address already in use");
 }
 
 TEST_F(Listening, OnAnAddressOfAnotherMachineSaysSo) {
-    EXPECT_FALSE(listen(acceptor_, {"192.0.2.1", 0}, error_));
+    EXPECT_FALSE(listener_.listen({"192.0.2.1", 0}, error_));
     EXPECT_EQ(error_, "cannot listen on 192.0.2.1 port 0: Cannot assign requested address");
 }
 
-TEST_F(Listening, AcceptsUntilItIsClosed) {
-    ASSERT_TRUE(listen(acceptor_, {"127.0.0.1", 0}, error_)) << error_;
-    int accepted = 0;
-    bool ended = false;
-    coroutines_.start([&]() -> Awaitable<void> {
-        Socket socket(coroutines_.executor());
-        bool goes_on = co_await accept(acceptor_, socket);
-        while (goes_on) {
-            ++accepted;
-            socket.close();
-            goes_on = co_await accept(acceptor_, socket);
-        }
-        ended = true;
-    });
+TEST_F(Listening, TakesConnectionsUntilItIsClosed) {
+    listen();
     for (const int expected : {1, 2}) {
-        Socket user(coroutines_.executor());
-        user.connect(acceptor_.local_endpoint());
-        coroutines_.run_until([&] { return accepted == expected; });
+        const Socket one = user();
+        coroutines_.run_until([&] { return taken_ == expected; });
     }
-    acceptor_.close();
-    coroutines_.run_until([&] { return ended; });
-    EXPECT_EQ(accepted, 2);
+    const Socket last = user();
+    listener_.close();
+    coroutines_.settle();
+    EXPECT_EQ(taken_, 2);
+}
+
+TEST_F(Listening, GoesOnAfterAConnectionThatCouldNotBeServed) {
+    listen();
+    each_ = [] { throw std::runtime_error("no room"); };
+    testing::internal::CaptureStderr();
+    const Socket first = user();
+    coroutines_.run_until([&] { return taken_ == 1; });
+    EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                testing::HasSubstr(" error a connection failed: no room\n"));
+    const Socket second = user();
+    coroutines_.run_until([&] { return taken_ == 2; });
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include "base/signal.h"
 #include "coroutines.h"
+#include "failing_new.h"
 
 #include <gmock/gmock.h>
 
@@ -12,6 +13,23 @@ namespace {
 
 using namespace std::chrono_literals;
 
+const auto the_owner = std::make_shared<int>();
+
+TEST(Spawn, CoroutineThatOutlivesItsOwnerIsDroppedSilently) {
+    int failures = 0;
+    {
+        Coroutines coroutines;
+        Signal never(coroutines.executor());
+        auto its_owner = std::make_shared<int>();
+        spawn(
+            coroutines.executor(), its_owner,
+            [&never]() -> Awaitable<void> { return never.wait(); }, [&] { ++failures; });
+        coroutines.settle();
+        its_owner.reset();
+    }
+    EXPECT_EQ(failures, 0);
+}
+
 TEST(Spawn, FailureEndsOneCoroutineAndIsLogged) {
     Coroutines coroutines;
     bool failed = false;
@@ -20,7 +38,7 @@ TEST(Spawn, FailureEndsOneCoroutineAndIsLogged) {
         co_return;
     };
     testing::internal::CaptureStderr();
-    spawn(coroutines.executor(), fail(), [&] { failed = true; });
+    spawn(coroutines.executor(), the_owner, fail, [&] { failed = true; });
     coroutines.settle();
     EXPECT_THAT(testing::internal::GetCapturedStderr(),
                 testing::HasSubstr(" error a connection failed: std::bad_alloc\n"));
@@ -35,10 +53,29 @@ TEST(Spawn, CoroutineThatEndsHasNotFailed) {
         ended = true;
         co_return;
     };
-    spawn(coroutines.executor(), end(), [&] { failed = true; });
+    spawn(coroutines.executor(), the_owner, end, [&] { failed = true; });
     coroutines.settle();
     EXPECT_TRUE(ended);
     EXPECT_FALSE(failed);
+}
+
+TEST(Spawn, CoroutineThatCannotBeStartedHasFailed) {
+    Coroutines coroutines;
+    testing::internal::CaptureStderr();
+    int failures = 0;
+    bool happened = true;
+    for (int nth = 1; happened; ++nth) {
+        failures = 0;
+        const FailingNew failure(nth);
+        spawn(
+            coroutines.executor(), the_owner, []() -> Awaitable<void> { co_return; },
+            [&] { ++failures; });
+        run_through([&] { coroutines.settle(); });
+        happened = failure.happened();
+        EXPECT_EQ(failures, happened ? 1 : 0) << "allocation " << nth;
+    }
+    EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                testing::HasSubstr(" error a connection failed: std::bad_alloc\n"));
 }
 
 class SignalTest : public testing::Test {

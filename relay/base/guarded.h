@@ -1,0 +1,40 @@
+// What must go on although a step of it fails: listeners, timers, the event loop.
+//
+// Errors of connections are no exceptions here. What is thrown is std::bad_alloc for the most part.
+#pragma once
+
+#include "base/log.h"
+
+#include <exception>
+#include <string_view>
+
+namespace relay {
+
+// Writes "what: reason" to the log, or nothing when even that lacks memory.
+inline void report_failure(std::string_view what, const std::exception& exception) noexcept {
+    try {
+        log::error(what, ": ", exception.what());
+    } catch (const std::exception&) {
+    }
+}
+
+// Whether `step` returned. What it throws is logged with `what` in front.
+template <typename Step>
+bool guarded(std::string_view what, Step&& step) noexcept {
+    try {
+        step();
+        return true;
+    } catch (const std::exception& exception) {
+        report_failure(what, exception);
+        return false;
+    }
+}
+
+// Runs what an Asio context has to do, through exceptions: it may be run on after each.
+template <typename Run>
+void run_through(Run&& run) noexcept {
+    while (!guarded("an event failed", run)) {
+    }
+}
+
+} // namespace relay
