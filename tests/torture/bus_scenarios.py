@@ -100,10 +100,11 @@ class BrokerServe(Scenario):
     def play(self):
         outcome = []
         try:
-            self._play(outcome)
+            with self.failing_for_a_while():
+                self._play(outcome)
         except ubus_wire.Refused as refused:
             outcome.append(f"refused {refused.status}")
-        except (ubus_wire.Closed, ubus_wire.WireError, OSError) as failure:
+        except (ubus_wire.Closed, ubus_wire.WireError, OSError, IndexError) as failure:
             outcome.append(type(failure).__name__)
         wait_until(lambda: self.broker.connection_count() == 0, "all clients are gone",
                    ROUND_LIMIT_S)

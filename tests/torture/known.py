@@ -29,6 +29,8 @@ KNOWN = (
           "wolfSSL frees nothing whose lock it does not get"),
     Known("clock_gettime", ("uloop_gettime",), "",
           "libubox takes what stands in the record when the clock cannot be read"),
+    Known("clock_gettime", ("cloud_now_ms",), "",
+          "the monotonic clock can be read on every kernel; time 0 ends a session without a word"),
     Known("asprintf|stat", ("uci_load_delta", "uci_load_delta_file"), r"left behind: descriptors",
           "libuci leaves the file open when it cannot look for staged changes"),
 )

@@ -70,7 +70,7 @@ class RelayServe(Scenario):
     def play(self):
         outcome = []
         try:
-            with Device(self.relay.device_port) as device:
+            with self.failing_for_a_while(), Device(self.relay.device_port) as device:
                 self._play(device, outcome)
         except (Closed, OSError, AssertionError, http.client.HTTPException) as failure:
             outcome.append(type(failure).__name__)

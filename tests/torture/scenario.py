@@ -4,6 +4,7 @@ import contextlib
 import hashlib
 import os
 import re
+import threading
 import time
 from dataclasses import dataclass
 from pathlib import Path
@@ -184,6 +185,17 @@ class Scenario:
         return None
 
     # --- what all have in common ---
+
+    @contextlib.contextmanager
+    def failing_for_a_while(self):
+        """Ends the failures while peers may still wait for what only comes without them."""
+        timer = threading.Timer(FAILING_S * slowness(), self.control.disarm)
+        timer.start()
+        try:
+            yield
+        finally:
+            timer.cancel()
+            timer.join()
 
     def wait_failing(self, condition, what):
         """Waits for what a program reaches although calls fail, or once they fail no longer."""
