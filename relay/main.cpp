@@ -4,6 +4,7 @@
 #include "relay.h"
 
 #include <cstdio>
+#include <exception>
 #include <string_view>
 
 #include <csignal>
@@ -66,9 +67,8 @@ void raise_descriptor_limit() {
     }
 }
 
-} // namespace
-
-int main(int count, char** arguments) {
+// Throws what the library throws when the system gives no memory, or no descriptor.
+int run(int count, char** arguments) {
     Options options;
     std::string error = parse(count, arguments, options);
     if (!error.empty())
@@ -94,4 +94,14 @@ int main(int count, char** arguments) {
         return fail(error);
     relay.run();
     return 0;
+}
+
+} // namespace
+
+int main(int count, char** arguments) {
+    try {
+        return run(count, arguments);
+    } catch (const std::exception& failure) {
+        return fail(failure.what());
+    }
 }
