@@ -32,8 +32,7 @@ ubus_context* ubus_connect(const char* path) {
     ctx->sock.cb = transport_readable;
     ctx->pending_timer.cb = on_pending_timer;
     ctx->connection_lost = end_uloop;
-    uloop_init();
-    if (!transport_open(ctx, path)) {
+    if (uloop_init() < 0 || !transport_open(ctx, path)) {
         free(self);
         return nullptr;
     }
