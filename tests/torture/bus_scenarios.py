@@ -136,8 +136,8 @@ class ToolCall(EndingProgram):
     arguments = ("call", "torture", "echo", '{"text":"hello"}')
 
     def state(self):
-        """One whose time is up ends at once, with what it holds."""
-        if self.process.status == Status.TIMEOUT:
+        """One whose time is up, or that is asked to end, does so at once, with what it holds."""
+        if self.process.status in (Status.TIMEOUT, -signal.SIGTERM):
             return State({}, [], [], 0, 0)
         return super().state()
 

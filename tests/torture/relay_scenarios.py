@@ -22,7 +22,7 @@ class RelayStart(EndingProgram):
     def begin(self):
         self.relay = RelayServer(self.places.scratch / "relay", self.authority.certificate(),
                                  options={"drain_s": 1})
-        self.files = (self.relay.folder,)
+        self.files = (self.relay.configuration, self.relay.policy, self.relay.certificate)
 
     def play(self):
         relay = self.launch("--config", self.relay.configuration)
@@ -48,7 +48,7 @@ class RelayServe(Scenario):
         self.control.renew()
         self.relay = RelayServer(self.places.scratch / "relay", self.authority.certificate(),
                                  options={"drain_s": 1})
-        self.files = (self.relay.configuration.parent / "policy.json",)
+        self.files = (self.relay.configuration, self.relay.policy, self.relay.certificate)
         with self.program.preloaded():
             self.relay.start()
 

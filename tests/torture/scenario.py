@@ -107,11 +107,11 @@ def state_of(process_id, control):
     return State(descriptors, sorted(threads), children, control.blocks, control.bytes)
 
 
-def fingerprint(*folders):
-    """What stands in the files of these folders."""
+def fingerprint(*places):
+    """What stands in these files, and in the files of these folders."""
     digest = hashlib.sha256()
-    for folder in folders:
-        for path in sorted(Path(folder).rglob("*")):
+    for place in map(Path, places):
+        for path in [place, *sorted(place.rglob("*"))]:
             digest.update(str(path).encode())
             if path.is_file():
                 digest.update(path.read_bytes())
@@ -141,7 +141,7 @@ class Scenario:
     lasting = True
     short = False     # every call fails in the short form, too; otherwise one of each site
     log_functions = {"cloud_print"}
-    files = ()        # folders that no failure may change
+    files = ()        # files and folders that no failure may change
 
     def __init__(self, places, authority, folder, library):
         self.places = places
