@@ -24,6 +24,8 @@ KNOWN = (
           "json-c loses a member that it cannot add"),
     Known("realloc", ("json_tokener_parse_ex",), r"without an error line",
           "json-c drops what a text's buffer has no room for, and parses on"),
+    Known("realloc", ("blobmsg_puts",), r"without an error line",
+          "libubox drops what a JSON text's buffer has no room for, and formats on"),
     Known("pthread_mutex_lock", ("wolfSSL_CTX_free", "wolfSSL_free", "wolfSSL_CTX_new_ex",
                                  "wolfSSL_new"), r"left behind: blocks",
           "wolfSSL frees nothing whose lock it does not get"),
