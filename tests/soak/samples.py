@@ -1,7 +1,7 @@
 """What programs hold over time, and whether it stays flat.
 
-Judged is the second half of the looks. It is cut into windows, of each window the least counts,
-which is what a program cannot get rid of, and a straight line is laid through these.
+Judged is the second half of the looks. It is cut into windows, of each window the median counts,
+as heaps have their peaks and holes, and a straight line is laid through these.
 """
 
 import statistics
@@ -22,12 +22,12 @@ COUNTS = ("descriptors", "threads")
 UNSTEADY = {("supervisor", "resident_kib")}
 
 
-def floors(values):
-    """The least of each window; the values themselves when there are too few."""
+def middles(values):
+    """The median of each window; the values themselves when there are too few."""
     if len(values) < 3 * WINDOWS:
         return values
     bounds = [number * len(values) // WINDOWS for number in range(WINDOWS + 1)]
-    return [min(values[start:end]) for start, end in zip(bounds, bounds[1:])]
+    return [statistics.median(values[start:end]) for start, end in zip(bounds, bounds[1:])]
 
 
 def rise(values):
@@ -71,9 +71,9 @@ class Samples:
 
 
 def _judge(program, measure, values):
-    lowest = floors(values)
-    mean, more = statistics.mean(lowest), rise(lowest)
+    settled = middles(values)
+    mean, more = statistics.mean(settled), rise(settled)
     percent = 100 * more / mean
-    least = SHORT_RISE_KIB if lowest is values else LEAST_RISE_KIB
+    least = SHORT_RISE_KIB if settled is values else LEAST_RISE_KIB
     is_flat = percent <= MOST_RISE_PERCENT or (measure in MEMORY and more <= least)
     return Verdict(program, measure, mean, more, percent, is_flat)
