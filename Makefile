@@ -17,8 +17,8 @@ export PATH := $(PATH):/usr/local/sbin:/usr/sbin:/sbin
 export PYTHONDONTWRITEBYTECODE := 1
 
 .DEFAULT_GOAL := help
-.PHONY: help setup setup-checks build programs test fuzz memcheck torture torture-with faults soak \
-	cross demo bench format lint clean
+.PHONY: help setup setup-checks build programs test fuzz torture torture-with faults soak mutants \
+	coverage memcheck cross demo bench format lint clean
 
 help: ## list the commands
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-8s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
@@ -71,6 +71,27 @@ soak: setup-checks $(if $(CRC_BIN),,programs) ## a million requests with faults 
 	@export CRC_BIN='$(or $(CRC_BIN),$(CURDIR)/$(BUILD)/bin)'; $(PYTHON) tests/soak/run.py \
 		$(if $(REQUESTS),--requests $(REQUESTS)) $(if $(SECONDS),--seconds $(SECONDS)) \
 		$(if $(SEED),--seed $(SEED))
+
+ROOMS := core control task session transport queue handshake
+TOOL := build/mutants/tool
+
+$(TOOL): tests/mutants/requirements.txt
+	@$(PYTHON) -m pip install --quiet --root-user-action=ignore --no-deps --require-hashes \
+		--upgrade --target $@ -r $<
+	@touch $@
+
+mutants: setup-checks $(TOOL) ## see which changes of src/ the unit tests notice (COUNT=500 SEED=1)
+	@$(MAKE) --no-print-directory PRESET=mutants build/mutants/build.ninja
+	@cmake --build --preset mutants -j $(JOBS) --target $(ROOMS:%=%_tests)
+	@PYTHONPATH=$(TOOL) nice -n 10 $(PYTHON) tests/mutants/mutants.py build/mutants \
+		--count $(or $(COUNT),500) --seed $(or $(SEED),1) \
+		$(if $(RESUME),--resume) $(if $(AGAIN),--again)
+
+coverage: setup-checks ## run every test and show which lines and branches of each room ran
+	@$(MAKE) --no-print-directory PRESET=coverage build
+	@find build/coverage -name '*.gcda' -delete
+	@status=0; ctest --preset coverage || status=1; \
+	$(PYTHON) tests/coverage/rooms.py build/coverage || status=1; exit $$status
 
 cross: ## build and test what runs on the router for other CPUs (CPU="armhf s390x": those)
 	@packaging/cross.sh $(CPU)

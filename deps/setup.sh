@@ -16,6 +16,7 @@ if [ "${1-}" = checks ]; then
     packages="$packages
         python3-pytest-xdist python3-selenium chromium chromium-driver
         tshark mandoc busybox
+        gcovr python3-pip
         strace binutils valgrind curl wrk nftables nginx-light openssh-server openssh-client
         clang-format-14 clang-tidy-14 shellcheck
         clang-14 libclang-rt-14-dev llvm-14

@@ -18,8 +18,8 @@ from pathlib import Path
 import pytest
 
 from daemon_log import Log
-from processes import (ADDED_ENVIRONMENT, PATIENCE_S, assert_no_sanitizer_report, program, run,
-                       wait_until)
+from processes import (ADDED_ENVIRONMENT, PATIENCE_S, assert_no_sanitizer_report, end_at_once,
+                       program, run, wait_until)
 from router import BUS_SOCKET
 from suite_rules import of_this_build
 
@@ -34,11 +34,12 @@ SYSTEM_PATH = "/usr/sbin:/usr/bin:/sbin:/bin"
 
 @functools.cache
 def build():
-    """What the daemon runs as: "plain", "address" or "thread" (sanitizers), or "valgrind"."""
+    """"plain", "address" or "thread" (sanitizers), "coverage", or "valgrind"."""
     if os.environ.get("CRC_VALGRIND"):
         return "valgrind"
     code = Path(program(DAEMON)).read_bytes()
-    for marker, kind in ((b"__asan_init", "address"), (b"__tsan_init", "thread")):
+    for marker, kind in ((b"__asan_init", "address"), (b"__tsan_init", "thread"),
+                         (b"coverage_write_and_die", "coverage")):
         if marker in code:
             return kind
     return "plain"
@@ -53,7 +54,7 @@ def slowness():
 
 def build_cost():
     """By how much limits of processor time are stretched for what this build costs."""
-    return {"plain": 1, "address": 2, "thread": 3, "valgrind": 8}[build()]
+    return {"plain": 1, "address": 2, "coverage": 2, "thread": 3, "valgrind": 8}[build()]
 
 
 # --- calling it ------------------------------------------------------------------------------
@@ -198,8 +199,7 @@ class Daemon:
         self._end()
 
     def _end(self):
-        self._process.kill()
-        self._process.wait()
+        end_at_once(self._process, self.pid)
         if self.log is not None:  # an interrupted start() has none yet
             self.log.wait_for_end()
 

@@ -4,6 +4,7 @@ Every wait has a deadline and says what it waited for when that passes. The prog
 folder that the environment variable CRC_BIN names, by default build/release/bin.
 """
 
+import contextlib
 import os
 import pty
 import re
@@ -23,6 +24,8 @@ _TREE = Path(__file__).resolve().parents[2]
 
 _SANITIZER_REPORT = re.compile(
     r"ERROR: \w+Sanitizer|WARNING: ThreadSanitizer|SUMMARY: \w+Sanitizer|: runtime error: ")
+
+_SIGNAL_TO_END = 63  # tests/coverage/at_end.c
 
 # A small quarantine keeps the resident size of an address-sanitized program comparable over time.
 _SANITIZER_ENVIRONMENT = {
@@ -56,6 +59,20 @@ def wait_until(condition, what, timeout_s=PATIENCE_S):
 def environment_of(extra=None):
     """The environment programs are started with: ours, sanitizer options, then `extra`."""
     return {**_SANITIZER_ENVIRONMENT, **os.environ, **ADDED_ENVIRONMENT, **(extra or {})}
+
+
+def end_at_once(process, pid=None):
+    """Ends a subprocess.Popen as a crash would, and waits for it.
+
+    `pid`: the program itself, where `process` is a wrapper that ends with it. Programs of the build
+    `coverage` answer _SIGNAL_TO_END: they write what ran, then kill themselves.
+    """
+    if os.environ.get("CRC_COVERAGE") and process.poll() is None:
+        with contextlib.suppress(ProcessLookupError, subprocess.TimeoutExpired):
+            os.kill(pid or process.pid, _SIGNAL_TO_END)
+            process.wait(5)
+    process.kill()
+    process.wait()
 
 
 def assert_no_sanitizer_report(text):
@@ -171,14 +188,13 @@ class Process:
     def kill(self):
         """Ends the program at once, as a crash would. It must still run."""
         assert self.status is None, f"{self._ended()} before it was killed"
-        self.send_signal(signal.SIGKILL)
-        self._popen.wait()
+        self._signals_sent |= {signal.SIGKILL, _SIGNAL_TO_END}
+        end_at_once(self._popen)
         self._finish()
 
     def put_away(self):
         """Ends the program, however far it is; for what has failed, or was killed from outside."""
-        self._popen.kill()
-        self._popen.wait()
+        end_at_once(self._popen)
         self._read_to_end()
 
     def finish(self):

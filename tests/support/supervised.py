@@ -12,8 +12,8 @@ from pathlib import Path
 
 from daemon import slowness
 from daemon_log import Log
-from processes import (ADDED_ENVIRONMENT, PATIENCE_S, assert_no_sanitizer_report, program, run,
-                       wait_until)
+from processes import (ADDED_ENVIRONMENT, PATIENCE_S, assert_no_sanitizer_report, end_at_once,
+                       program, run, wait_until)
 from router import BUS_SOCKET
 
 # Short, so that tests are: what is not under test must not be waited for.
@@ -95,8 +95,7 @@ class Supervisor:
                 self.stop()
         finally:
             if self._process is not None:
-                self._process.kill()
-                self._process.wait()
+                end_at_once(self._process)
             for report in glob.glob(f"{self._folder}/sanitizer*"):
                 assert_no_sanitizer_report(Path(report).read_text(errors="backslashreplace"))
             shutil.rmtree(self._folder)
