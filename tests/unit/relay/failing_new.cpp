@@ -42,6 +42,11 @@ void* operator new(std::size_t size) {
     return allocate(size);
 }
 
+// Or a sanitizer's own would give what the delete below must not take.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return fails() ? nullptr : std::malloc(size > 0 ? size : 1);
+}
+
 void operator delete(void* block) noexcept {
     std::free(block);
 }
