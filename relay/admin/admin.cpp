@@ -15,11 +15,9 @@
 #include <boost/json/array.hpp>
 #include <boost/json/object.hpp>
 #include <boost/json/serialize.hpp>
-#include <openssl/crypto.h>
 
 namespace relay {
 
-namespace http = boost::beast::http;
 namespace json = boost::json;
 
 namespace {
@@ -27,14 +25,10 @@ namespace {
 constexpr std::chrono::seconds patience{10};
 constexpr std::chrono::seconds idle{60};
 constexpr std::size_t max_connections = 256;
-constexpr std::size_t max_request_bytes = 16 << 10;
 constexpr std::size_t max_web_token_bytes = 64 << 10;
 
 // What the device is asked; it wants a body and looks at none of it.
 constexpr std::string_view web_token_request = "{\"name\":\"token_get\"}";
-
-constexpr std::string_view devices_path = "/api/devices";
-constexpr std::string_view web_token_path = "/web-token";
 
 void set(Admin::Response& response, http::status status, std::string_view type, std::string body) {
     response.result(status);
@@ -49,32 +43,6 @@ void refuse(Admin::Response& response, http::status status, std::string_view why
 
 std::string time_or_empty(std::chrono::system_clock::time_point time) {
     return time == std::chrono::system_clock::time_point{} ? "" : iso_time(time);
-}
-
-// "/api/devices/<id>/web-token": the id, empty for another path.
-std::string_view device_of(std::string_view path) {
-    if (!path.starts_with(devices_path) || !path.ends_with(web_token_path))
-        return {};
-    path.remove_prefix(devices_path.size());
-    path.remove_suffix(std::min(path.size(), web_token_path.size()));
-    return path.starts_with('/') ? path.substr(1) : std::string_view();
-}
-
-// A name can be made to point anywhere by whoever owns it; an address and localhost cannot.
-bool is_literal_host(std::string_view host) {
-    host = host.substr(0, host.rfind(':'));
-    if (host.starts_with('[') && host.ends_with(']'))
-        host = host.substr(1, host.size() - 2);
-    error_code no_address;
-    asio::ip::make_address(std::string(host), no_address);
-    return !no_address || equals_ignoring_case(host, "localhost");
-}
-
-bool is_from_elsewhere(const Admin::Request& request) {
-    const std::string_view origin = request[http::field::origin];
-    const std::string_view host = request[http::field::host];
-    return !origin.empty() && !(origin.ends_with(host) &&
-                                origin.substr(0, origin.size() - host.size()).ends_with("://"));
 }
 
 } // namespace
@@ -129,9 +97,8 @@ Awaitable<void> Admin::serve(std::shared_ptr<Socket> socket) {
     boost::beast::flat_buffer buffer;
     error_code error;
     for (bool goes_on = true; goes_on;) {
-        http::request_parser<http::string_body> parser;
-        parser.header_limit(max_request_bytes);
-        parser.body_limit(max_request_bytes);
+        AdminParser parser;
+        limit_admin_request(parser);
         deadline.set(idle);
         co_await http::async_read(*socket, buffer, parser, into(error));
         if (error)
@@ -154,50 +121,35 @@ Awaitable<void> Admin::serve(std::shared_ptr<Socket> socket) {
     connections_.erase(socket.get());
 }
 
-bool Admin::is_allowed(const Request& request) const {
-    if (token_.empty())
-        return is_literal_host(request[http::field::host]);
-    const std::string_view credentials = request[http::field::authorization];
-    constexpr std::string_view scheme = "Bearer ";
-    if (!equals_ignoring_case(credentials.substr(0, scheme.size()), scheme))
-        return false;
-    // Hashes are of one length, and say nothing by the time that comparing them takes.
-    const auto given = sha256(credentials.substr(scheme.size()));
-    const auto wanted = sha256(token_);
-    return CRYPTO_memcmp(given.data(), wanted.data(), wanted.size()) == 0;
-}
-
 Awaitable<void> Admin::answer(const Request& request, Response& response) {
-    std::string path(request.target());
-    path.resize(std::min(path.size(), path.find('?')));
-    const bool is_get = request.method() == http::verb::get || request.method() == http::verb::head;
-    const auto device = device_of(path);
-    if (path == "/healthz") {
+    using What = AdminCall::What;
+    const auto call = admin_call_of(request);
+    const bool is_allowed = is_admin_allowed(request, token_);
+    if (call.what == What::health) {
         set(response, services_.draining ? http::status::service_unavailable : http::status::ok,
             "text/plain", services_.draining ? "draining\n" : "ok\n");
-    } else if (path == "/" && is_get && (!token_.empty() || is_allowed(request))) {
+    } else if (call.what == What::dashboard && (!token_.empty() || is_allowed)) {
         response.set("Content-Security-Policy", dashboard_policy);
         set(response, http::status::ok, "text/html; charset=utf-8", dashboard_page);
-    } else if (!is_allowed(request)) {
+    } else if (!is_allowed) {
         response.set(http::field::www_authenticate, "Bearer");
         refuse(response, http::status::unauthorized,
                token_.empty() ? "the request must name this listener by address or as localhost"
                               : "the bearer token is missing or wrong");
-    } else if (path == devices_path && is_get) {
+    } else if (call.what == What::devices) {
         set(response, http::status::ok, "application/json", devices_json());
-    } else if (path == "/metrics" && is_get) {
+    } else if (call.what == What::metrics) {
         const Gauges gauges{services_.devices.count(), services_.devices.handshakes(),
                             services_.devices.open_exchanges(), services_.budget.used,
                             services_.budget.limit};
         set(response, http::status::ok, "text/plain; version=0.0.4",
             to_prometheus(services_.metrics, gauges));
-    } else if (!device.empty() && request.method() == http::verb::post) {
-        if (is_from_elsewhere(request))
-            refuse(response, http::status::forbidden, "the request comes from another site's page");
-        else
-            co_await web_token(std::string(device), response);
-    } else if (path == "/" || path == "/metrics" || path == devices_path || !device.empty()) {
-        response.set(http::field::allow, device.empty() ? "GET, HEAD" : "POST");
+    } else if (call.what == What::web_token && is_from_elsewhere(request)) {
+        refuse(response, http::status::forbidden, "the request comes from another site's page");
+    } else if (call.what == What::web_token) {
+        co_await web_token(call.device_id, response);
+    } else if (call.what == What::wrong_method) {
+        response.set(http::field::allow, call.device_id.empty() ? "GET, HEAD" : "POST");
         refuse(response, http::status::method_not_allowed, "that is not what can be done here");
     } else {
         refuse(response, http::status::not_found, "there is nothing here");

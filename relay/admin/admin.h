@@ -11,15 +11,13 @@
 // must name such a host: a page from elsewhere in an operator's browser then gets nothing.
 #pragma once
 
+#include "admin/admin_request.h"
 #include "base/config.h"
 #include "base/deadlines.h"
 #include "base/listen.h"
 #include "base/memory_budget.h"
 #include "base/metrics.h"
 #include "devices/devices.h"
-
-#include <boost/beast/http/message.hpp>
-#include <boost/beast/http/string_body.hpp>
 
 #include <cstdint>
 #include <memory>
@@ -31,8 +29,8 @@ namespace relay {
 
 class Admin {
 public:
-    using Request = boost::beast::http::request<boost::beast::http::string_body>;
-    using Response = boost::beast::http::response<boost::beast::http::string_body>;
+    using Request = AdminRequest;
+    using Response = http::response<http::string_body>;
 
     struct Services {
         Executor executor;
@@ -58,7 +56,6 @@ private:
     Awaitable<void> serve(std::shared_ptr<Socket> socket);
     Awaitable<void> answer(const Request& request, Response& response);
     Awaitable<void> web_token(std::string device_id, Response& response);
-    bool is_allowed(const Request& request) const;
     std::string devices_json() const;
 
     Services services_;

@@ -2,28 +2,24 @@
 // runs a single io_context, everything happens on it, and so nothing is locked.
 #pragma once
 
+#include "base/address.h"
+
 #include <boost/asio/awaitable.hpp>
 #include <boost/asio/basic_stream_socket.hpp>
 #include <boost/asio/basic_waitable_timer.hpp>
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/redirect_error.hpp>
 #include <boost/asio/use_awaitable.hpp>
-#include <boost/system/error_code.hpp>
 
 #include <chrono>
 
 namespace relay {
 
-namespace asio = boost::asio;
-using boost::system::error_code;
-
 using Clock = std::chrono::steady_clock;
 using Executor = asio::io_context::executor_type;
 template <typename T>
 using Awaitable = asio::awaitable<T, Executor>;
-using Tcp = asio::ip::tcp;
 using Socket = asio::basic_stream_socket<Tcp, Executor>;
 using Acceptor = asio::basic_socket_acceptor<Tcp, Executor>;
 using Timer = asio::basic_waitable_timer<Clock, asio::wait_traits<Clock>, Executor>;

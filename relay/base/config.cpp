@@ -1,6 +1,6 @@
 #include "base/config.h"
 
-#include "base/asio.h"
+#include "base/address.h"
 #include "base/json_reader.h"
 #include "base/text.h"
 
@@ -126,7 +126,14 @@ void read_admin(const boost::json::value& value, const std::string& folder, Admi
 
 std::optional<Config> load_config(const std::string& path, std::string& error) {
     error.clear();
-    const auto value = read_json_file(path, error);
+    const auto text = read_file(path, error);
+    return text ? parse_config(*text, path, error) : std::nullopt;
+}
+
+std::optional<Config> parse_config(std::string_view text, const std::string& path,
+                                   std::string& error) {
+    error.clear();
+    const auto value = parse_json(text, path, error);
     if (!value)
         return std::nullopt;
     const std::string folder = path.substr(0, path.rfind('/') + 1);

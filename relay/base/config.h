@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace relay {
 
@@ -63,5 +64,9 @@ struct Config {
 
 // Reads the file. On failure returns nothing and puts one sentence into `error`.
 std::optional<Config> load_config(const std::string& path, std::string& error);
+
+// The same for the text of a file; paths in it count from the folder of `path`.
+std::optional<Config> parse_config(std::string_view text, const std::string& path,
+                                   std::string& error);
 
 } // namespace relay

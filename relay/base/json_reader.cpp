@@ -27,23 +27,21 @@ std::optional<std::string> read_file(const std::string& path, std::string& error
     return text;
 }
 
-std::optional<json::value> read_json_file(const std::string& path, std::string& error) {
-    const auto text = read_file(path, error);
-    if (!text)
-        return std::nullopt;
+std::optional<json::value> parse_json(std::string_view text, const std::string& path,
+                                      std::string& error) {
     json::parse_options options;
     options.allow_comments = true;
     options.allow_trailing_commas = true;
     json::stream_parser parser({}, options);
     json::error_code code;
-    const auto taken = parser.write_some(*text, code);
-    if (!code && taken == text->size())
+    const auto taken = parser.write_some(text, code);
+    if (!code && taken == text.size())
         parser.finish(code);
     else if (!code)
         code = json::error::extra_data;
     if (code) {
         const auto line =
-            std::count(text->begin(), text->begin() + static_cast<std::ptrdiff_t>(taken), '\n') + 1;
+            std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(taken), '\n') + 1;
         error =
             path + " is not valid JSON near line " + std::to_string(line) + ": " + code.message();
         return std::nullopt;

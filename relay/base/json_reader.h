@@ -15,8 +15,9 @@ namespace relay {
 // The whole of a file; on failure nothing, and `error` says why.
 std::optional<std::string> read_file(const std::string& path, std::string& error);
 
-// The JSON in a file, with comments and trailing commas allowed.
-std::optional<boost::json::value> read_json_file(const std::string& path, std::string& error);
+// The JSON in the text of the file `path`, with comments and trailing commas allowed.
+std::optional<boost::json::value> parse_json(std::string_view text, const std::string& path,
+                                             std::string& error);
 
 // Takes members out of one object. The first mistake stays in `error`; after it nothing is taken.
 // A member that is missing leaves its target as it is.

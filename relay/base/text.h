@@ -1,7 +1,7 @@
 // Small helpers for text.
 #pragma once
 
-#include "base/asio.h"
+#include "base/address.h"
 
 #include <chrono>
 #include <string>

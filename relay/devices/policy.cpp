@@ -70,7 +70,14 @@ std::string Policy::objection(const Hello& hello) const {
 
 std::optional<Policy> load_policy(const std::string& path, std::string& error) {
     error.clear();
-    const auto value = read_json_file(path, error);
+    const auto text = read_file(path, error);
+    return text ? parse_policy(*text, path, error) : std::nullopt;
+}
+
+std::optional<Policy> parse_policy(std::string_view text, const std::string& path,
+                                   std::string& error) {
+    error.clear();
+    const auto value = parse_json(text, path, error);
     if (!value)
         return std::nullopt;
     Policy policy;

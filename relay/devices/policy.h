@@ -32,4 +32,8 @@ struct Policy {
 // On failure returns nothing and puts one sentence into `error`.
 std::optional<Policy> load_policy(const std::string& path, std::string& error);
 
+// The same for the text of the file `path`.
+std::optional<Policy> parse_policy(std::string_view text, const std::string& path,
+                                   std::string& error);
+
 } // namespace relay

@@ -31,6 +31,22 @@ std::vector<Header> headers_of(const AnswerHead& head) {
 
 } // namespace
 
+HeadState take_answer_head(std::string& text, bool to_head, std::optional<AnswerParser>& parser) {
+    const auto end = text.find(head_end);
+    if (end == std::string::npos)
+        return HeadState::incomplete;
+    boost::system::error_code error;
+    parser.emplace();
+    parser->body_limit(boost::none);
+    parser->header_limit(max_answer_head_bytes);
+    parser->skip(to_head);
+    parser->put(boost::asio::buffer(text.data(), end + head_end.size()), error);
+    text.erase(0, end + head_end.size());
+    if (error || !parser->is_header_done() || parser->get().result_int() == 101)
+        return HeadState::broken;
+    return parser->get().result_int() / 100 == 1 ? HeadState::interim : HeadState::complete;
+}
+
 std::optional<BodyFraming> framing_of(const AnswerParser& parser, bool to_head,
                                       std::uint64_t bytes_behind_head) {
     const unsigned status = parser.get().result_int();

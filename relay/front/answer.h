@@ -23,6 +23,16 @@ using AnswerHead = http::response_header<>;
 
 constexpr std::size_t max_answer_head_bytes = 64 << 10;
 
+enum class HeadState {
+    incomplete,
+    interim, // 1xx: another one follows
+    complete,
+    broken,
+};
+
+// Takes the next head out of `text`, and reads it into a new `parser`.
+HeadState take_answer_head(std::string& text, bool to_head, std::optional<AnswerParser>& parser);
+
 enum class BodyKind {
     none,    // HEAD, 1xx, 204, 304
     counted, // so many bytes

@@ -7,6 +7,9 @@
 
 namespace relay {
 
+// What ends a head.
+constexpr std::string_view head_end = "\r\n\r\n";
+
 struct Header {
     std::string_view name, value;
 };

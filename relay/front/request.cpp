@@ -78,6 +78,40 @@ std::optional<PageReason> check_head_bytes(std::string_view head, std::size_t be
     return std::nullopt;
 }
 
+HeadLook look_for_head(std::string_view input, std::size_t checked, std::size_t max_header_bytes) {
+    const auto end = input.find(head_end, checked > 3 ? checked - 3 : 0);
+    const auto head = input.substr(0, end == input.npos ? end : end + head_end.size());
+    HeadLook look;
+    look.page = check_head_bytes(head, checked > 1 ? checked - 1 : 0).value_or(PageReason{});
+    if (look.page.status == 0 && head.size() > max_header_bytes)
+        look.page = parse_error(http::error::header_limit);
+    if (look.page.status == 0 && end != input.npos)
+        look.head_bytes = head.size();
+    return look;
+}
+
+PageReason read_head(RequestParser& parser, std::string_view head,
+                     boost::system::error_code& error) {
+    parser.put(boost::asio::buffer(head.data(), head.size()), error);
+    if (error)
+        return parse_error(error);
+    return check_head(parser.get()).value_or(PageReason{});
+}
+
+std::optional<PageReason> take_body(RequestParser& parser, std::string& input,
+                                    std::size_t max_header_bytes, std::size_t& taken) {
+    boost::system::error_code error;
+    taken = parser.put(boost::asio::buffer(input), error);
+    input.erase(0, taken);
+    if (parser.is_done())
+        return std::nullopt;
+    if (error && error != http::error::need_more)
+        return parse_error(error);
+    if (input.size() > max_header_bytes)
+        return parse_error(http::error::header_limit);
+    return std::nullopt;
+}
+
 PageReason parse_error(const boost::system::error_code& error) {
     if (error == http::error::body_limit)
         return {413, "The request's body is larger than this relay carries.", "body_limit"};

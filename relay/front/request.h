@@ -26,6 +26,25 @@ using RequestHead = http::request_header<>;
 // for the next call.
 std::optional<PageReason> check_head_bytes(std::string_view head, std::size_t begin);
 
+// A head that is coming in.
+struct HeadLook {
+    PageReason page;            // status 0: nothing is wrong so far
+    std::size_t head_bytes = 0; // 0: it is not complete
+};
+
+// Looks for a head at the beginning of `input`; its first `checked` bytes were looked at before,
+// and were no complete head.
+HeadLook look_for_head(std::string_view input, std::size_t checked, std::size_t max_header_bytes);
+
+// Reads a complete head; `error` is the parser's. The page's status is 0 when it can be passed on.
+PageReason read_head(RequestParser& parser, std::string_view head,
+                     boost::system::error_code& error);
+
+// Moves what has come of a body from `input` into an eager parser; `taken` bytes. What is wrong
+// with it, if anything. What surrounds chunks may stay in `input`, as long as a head at most.
+std::optional<PageReason> take_body(RequestParser& parser, std::string& input,
+                                    std::size_t max_header_bytes, std::size_t& taken);
+
 // The reason for an error of the parser.
 PageReason parse_error(const boost::system::error_code& error);
 

@@ -13,7 +13,6 @@ constexpr std::size_t least_rate = 4096;
 constexpr std::chrono::seconds farewell{2};
 constexpr std::size_t farewell_bytes = 1 << 20;
 
-constexpr std::string_view head_end = "\r\n\r\n";
 constexpr std::string_view go_on = "HTTP/1.1 100 Continue\r\n\r\n";
 
 Clock::duration time_for(std::size_t bytes) {
@@ -94,19 +93,15 @@ Awaitable<bool> UserConnection::read_head(Turn& turn) {
             turn.began = Clock::now();
             deadline_.set_at(turn.began + options_.patience);
         }
-        const auto end = input_.find(head_end, checked > 3 ? checked - 3 : 0);
-        const auto head = std::string_view(input_).substr(
-            0, end == std::string::npos ? end : end + head_end.size());
-        turn.page = check_head_bytes(head, checked > 1 ? checked - 1 : 0).value_or(PageReason{});
-        if (turn.page.status == 0 && head.size() > options_.max_header_bytes)
-            turn.page = parse_error(http::error::header_limit);
+        const auto look = look_for_head(input_, checked, options_.max_header_bytes);
+        turn.page = look.page;
         if (turn.page.status != 0) {
             unread_input_ = true;
             co_return true;
         }
-        if (end != std::string::npos)
-            co_return parse_head(turn, head.size());
-        checked = head.size();
+        if (look.head_bytes > 0)
+            co_return parse_head(turn, look.head_bytes);
+        checked = input_.size();
         if (idle_ && front_.is_draining())
             co_return false;
         const bool read = co_await read_more();
@@ -118,14 +113,9 @@ Awaitable<bool> UserConnection::read_head(Turn& turn) {
 bool UserConnection::parse_head(Turn& turn, std::size_t head_bytes) {
     error_code error;
     turn.head = input_.substr(0, head_bytes);
-    turn.parser.put(asio::buffer(turn.head), error);
+    turn.page = relay::read_head(turn.parser, turn.head, error);
     input_.erase(0, head_bytes);
-    const auto& head = turn.parser.get();
-    turn.to_head = head.method() == http::verb::head;
-    if (error)
-        turn.page = parse_error(error);
-    else
-        turn.page = check_head(head).value_or(PageReason{});
+    turn.to_head = turn.parser.get().method() == http::verb::head;
     unread_input_ = turn.page.status != 0;
     // A head that is broken has no answer to this.
     turn.keep_alive = !error && turn.parser.keep_alive() && !front_.is_draining();
@@ -160,7 +150,6 @@ Awaitable<bool> UserConnection::read_body(Turn& turn) {
     if (turn.parser.is_done())
         co_return true;
     const auto began = Clock::now();
-    error_code error;
     const std::string_view expected = turn.parser.get()[http::field::expect];
     if (turn.parser.get().version() == 11 && input_.empty() &&
         equals_ignoring_case(expected, "100-continue")) {
@@ -170,25 +159,21 @@ Awaitable<bool> UserConnection::read_body(Turn& turn) {
     }
     turn.parser.eager(true);
     while (true) {
-        const auto taken = turn.parser.put(asio::buffer(input_), error);
-        input_.erase(0, taken);
+        std::size_t taken = 0;
+        const auto reason = take_body(turn.parser, input_, options_.max_header_bytes, taken);
         turn.body_bytes += taken;
         body_memory_.resize(turn.parser.get().body().size());
         if (turn.parser.is_done())
             break;
-        if (error && error != http::error::need_more) {
-            turn.page = parse_error(error);
+        if (reason) {
+            turn.page = *reason;
             co_return true;
         }
         if (services_.budget.is_spent()) {
             turn.page = {503, "The relay has no memory left for this request.", "memory"};
             co_return true;
         }
-        // Left over is what surrounds chunks. It is as long as a head at most, and buys no time.
-        if (input_.size() > options_.max_header_bytes) {
-            turn.page = parse_error(http::error::header_limit);
-            co_return true;
-        }
+        // What surrounds chunks buys no time.
         deadline_.set_at(began + options_.patience + time_for(turn.parser.get().body().size()));
         const bool read = co_await read_more();
         if (!read)
@@ -254,8 +239,14 @@ Awaitable<bool> UserConnection::relay_answer(Turn& turn, Exchange& exchange) {
     std::uint64_t left = exchange.answer_size(); // behind `text`
     std::optional<AnswerParser> parser;
     while (true) {
-        const auto end = text.find(head_end);
-        if (end == std::string::npos) {
+        const auto state = take_answer_head(text, turn.to_head, parser);
+        if (state == HeadState::complete)
+            break;
+        if (state == HeadState::broken) {
+            turn.page = unusable("The device's answer is no valid HTTP response.");
+            co_return true;
+        }
+        if (state == HeadState::incomplete) {
             const bool more = co_await exchange.take(bytes);
             if (!more || text.size() > max_answer_head_bytes) {
                 turn.page = unusable(text.empty() && exchange.answer_size() == 0
@@ -265,21 +256,7 @@ Awaitable<bool> UserConnection::relay_answer(Turn& turn, Exchange& exchange) {
             }
             text += view(bytes);
             left -= bytes.size();
-            continue;
         }
-        error_code error;
-        parser.emplace();
-        parser->body_limit(boost::none);
-        parser->header_limit(max_answer_head_bytes);
-        parser->skip(turn.to_head);
-        parser->put(asio::buffer(text.data(), end + head_end.size()), error);
-        text.erase(0, end + head_end.size());
-        if (error || !parser->is_header_done() || parser->get().result_int() == 101) {
-            turn.page = unusable("The device's answer is no valid HTTP response.");
-            co_return true;
-        }
-        if (parser->get().result_int() / 100 != 1)
-            break;
     }
     const auto framing = framing_of(*parser, turn.to_head, text.size() + left);
     if (!framing) {

@@ -118,8 +118,8 @@ protected:
 };
 
 TEST_F(JsonFile, MayHaveCommentsAndTrailingCommas) {
-    const auto value = read_json_file(
-        folder_.write("a", "// one\n{ /* two */ \"a\": [1, 2,], }\n// three\n"), error_);
+    const auto value =
+        parse_json("// one\n{ /* two */ \"a\": [1, 2,], }\n// three\n", "path", error_);
     ASSERT_TRUE(value) << error_;
     EXPECT_EQ(value->at("a").as_array().size(), 2u);
 }
@@ -128,16 +128,16 @@ TEST_F(JsonFile, MistakeIsFoundByItsLine) {
     for (const auto& [text, line] :
          {std::pair("{\n\"a\": 1\n\"b\": 2\n}", "3"), std::pair("{\n\n", "3"),
           std::pair("{}\n{}", "2"), std::pair("", "1"), std::pair("{} x", "1")}) {
-        const auto path = folder_.write("a", text);
-        EXPECT_FALSE(read_json_file(path, error_)) << text;
-        EXPECT_THAT(error_, StartsWith(path + " is not valid JSON near line " + line + ": "));
+        EXPECT_FALSE(parse_json(text, "path", error_)) << text;
+        EXPECT_THAT(error_,
+                    StartsWith(std::string("path is not valid JSON near line ") + line + ": "));
     }
 }
 
 TEST_F(JsonFile, ThatCannotBeReadIsNamedWithTheReason) {
-    EXPECT_FALSE(read_json_file(folder_.file("none"), error_));
+    EXPECT_FALSE(read_file(folder_.file("none"), error_));
     EXPECT_EQ(error_, folder_.file("none") + " cannot be read: No such file or directory");
-    EXPECT_FALSE(read_json_file(folder_.path(), error_));
+    EXPECT_FALSE(read_file(folder_.path(), error_));
     EXPECT_EQ(error_, folder_.path() + " cannot be read: Is a directory");
 }
 
