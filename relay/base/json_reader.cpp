@@ -34,7 +34,8 @@ std::optional<json::value> parse_json(std::string_view text, const std::string& 
     options.allow_trailing_commas = true;
     json::stream_parser parser({}, options);
     json::error_code code;
-    const auto taken = parser.write_some(text, code);
+    // Behind an unfinished comment the parser counts more bytes than there are.
+    const auto taken = std::min(parser.write_some(text, code), text.size());
     if (!code && taken == text.size())
         parser.finish(code);
     else if (!code)

@@ -127,7 +127,8 @@ TEST_F(JsonFile, MayHaveCommentsAndTrailingCommas) {
 TEST_F(JsonFile, MistakeIsFoundByItsLine) {
     for (const auto& [text, line] :
          {std::pair("{\n\"a\": 1\n\"b\": 2\n}", "3"), std::pair("{\n\n", "3"),
-          std::pair("{}\n{}", "2"), std::pair("", "1"), std::pair("{} x", "1")}) {
+          std::pair("{}\n{}", "2"), std::pair("", "1"), std::pair("{} x", "1"),
+          std::pair("{\n/* a", "2"), std::pair("{\n\n// a", "3")}) {
         EXPECT_FALSE(parse_json(text, "path", error_)) << text;
         EXPECT_THAT(error_,
                     StartsWith(std::string("path is not valid JSON near line ") + line + ": "));
