@@ -17,8 +17,15 @@ from pathlib import Path
 HERE = Path(__file__).resolve().parent
 AT_A_TIME = 2
 LONGEST_INPUT = 20000  # a few messages beyond the buffers of 4 KiB and 16 KiB
-LONGEST_RUN_S = 20  # of one input, on a busy machine
+LONGEST_RUN_S = 60  # of one input, on a busy machine
 FIRST_LINES = 24  # of a report: what went wrong, and where
+
+
+# What the names of fuzzers begin with, and the dictionary that helps them.
+DICTIONARIES = {
+    "bus_": "bus", "relay_request": "http", "relay_answer": "http", "relay_admin": "http",
+    "relay_": "json", "hello_": "json", "device_": "json", "uci_": "uci", "supervisor_": "uci",
+}
 
 
 @dataclass
@@ -41,9 +48,10 @@ def command_of(name, build, seconds):
     command = [build / "bin" / f"fuzz_{name}", f"-max_total_time={seconds}",
                f"-max_len={LONGEST_INPUT}", f"-timeout={LONGEST_RUN_S}",
                f"-artifact_prefix={crashes}/{name}-", "-print_final_stats=1"]
-    dictionary = HERE / f"{name}.dict"
-    if dictionary.exists():
-        command.append(f"-dict={dictionary}")
+    dictionary = next((words for start, words in DICTIONARIES.items() if name.startswith(start)),
+                      None)
+    if dictionary:
+        command.append(f"-dict={HERE / dictionary}.dict")
     return [*command, corpus, HERE / "seeds" / name]
 
 

@@ -29,6 +29,8 @@ constexpr unsigned RELAY_BREAKS = 8;
 constexpr unsigned HELPER_FAILS = 16;
 constexpr unsigned PORT_UNREADABLE = 32;
 
+constexpr std::string_view CONNECTED = "connected\n"; // in what the web server received
+
 constexpr int PACKETS_MAX = 64;
 constexpr int64_t PATIENCE_MS = 5000;
 constexpr int64_t START_MS = 1000000;
@@ -83,7 +85,7 @@ int web_server_open() {
 
 int web_server_connect(int /*fd*/, uint16_t port, int64_t /*patience*/) {
     REQUIRE(port != 0);
-    world.webReceived += "connected\n";
+    world.webReceived += CONNECTED;
     return is_on(WEB_REFUSES) ? -1 : 0;
 }
 
@@ -170,6 +172,37 @@ session_result run_session(const surroundings_t& surroundings, std::string_view 
     return session;
 }
 
+// What the web server gets when a session goes on to the stream's end: each request's body, cut by
+// that end. A header that a broken connection cuts is filled with zeros.
+std::string expected_for_web(std::string_view stream, bool breaks) {
+    std::string expected;
+    while (!stream.empty() && (stream.size() >= PACKET_HEADER_SIZE || breaks)) {
+        uint8_t bytes[PACKET_HEADER_SIZE] = {};
+        const std::string_view head = stream.substr(0, PACKET_HEADER_SIZE);
+        std::copy(head.begin(), head.end(), bytes);
+        stream.remove_prefix(head.size());
+        const packet_header_t header = packet_header_read(bytes);
+        const std::string_view body = stream.substr(0, header.dataLen);
+        switch (header.magic == PACKET_MAGIC ? header.type : 0) {
+        case PACKET_REQUEST:
+        case PACKET_REQUEST_UNCOUNTED:
+            expected.append(CONNECTED).append(body);
+            stream.remove_prefix(body.size());
+            break;
+        case PACKET_WEB_TOKEN:
+            stream.remove_prefix(body.size());
+            break;
+        case PACKET_HELLO:
+        case PACKET_HEARTBEAT:
+        case PACKET_RESPONSE:
+            break;
+        default:
+            return expected;
+        }
+    }
+    return expected;
+}
+
 // The relay gets whole packets: heartbeats, answers as the web server gave them, tokens.
 void check_sent(std::string_view sent, std::string_view answer) {
     while (!sent.empty()) {
@@ -210,5 +243,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const session_result whole = run_session(surroundings, stream, stream.size() + 1, pause);
     REQUIRE(run_session(surroundings, stream, slice, pause) == whole);
     check_sent(whole.toRelay, surroundings.answer);
+    if ((surroundings.switches & WEB_BREAKS) == 0) {
+        const bool breaks = (surroundings.switches & RELAY_BREAKS) != 0;
+        REQUIRE(expected_for_web(stream, breaks).compare(0, whole.toWeb.size(), whole.toWeb) == 0);
+    }
     return 0;
 }

@@ -52,9 +52,9 @@ extern "C" int wolfSSL_shutdown(WOLFSSL* /*session*/) {
 
 extern "C" void wolfSSL_free(WOLFSSL* /*session*/) {}
 
-// A packet may claim 4 GiB. Like a router, the fuzzer does not have them.
+// A packet may claim 4 GiB. Like a router, the fuzzer does not have them. libFuzzer needs 20 MiB.
 extern "C" const char* __asan_default_options();
 
 extern "C" const char* __asan_default_options() {
-    return "allocator_may_return_null=1:max_allocation_size_mb=64";
+    return "allocator_may_return_null=1:max_allocation_size_mb=32";
 }
