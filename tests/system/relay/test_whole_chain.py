@@ -9,7 +9,7 @@ import subprocess
 
 import pytest
 
-from daemon import slowness
+from daemon import build_cost, slowness
 from processes import Process, wait_until
 from relay_server import ADDRESS
 from web_peer import Lighttpd, WebServer
@@ -26,7 +26,7 @@ class Nginx:
         (folder / "pages").mkdir(parents=True)
         (folder / "pages" / "index.html").write_bytes(PAGE)
         # The device gives a request 10 s.
-        (folder / "pages" / "big.bin").write_bytes(os.urandom(1 << 20) * (20 // slowness() ** 2))
+        (folder / "pages" / "big.bin").write_bytes(os.urandom(1 << 20) * (20 // build_cost() ** 2))
         temporary = " ".join(f"{each}_temp_path {folder}/{each};" for each in
                              ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"))
         self._configuration = folder / "nginx.conf"
@@ -153,7 +153,7 @@ def test_conditional_requests_and_ranges(url):
 
 def test_uploads_come_back(url, tmp_path):
     body = tmp_path / "body"
-    body.write_bytes(os.urandom((5 << 20) // slowness() ** 2))
+    body.write_bytes(os.urandom((5 << 20) // build_cost() ** 2))
     for name, arguments in (("counted", ["-T", body]),
                             ("chunked", ["-T", body, "-H", "Transfer-Encoding: chunked"]),
                             ("asked", ["-T", body, "-H", "Expect: 100-continue"])):
