@@ -10,7 +10,8 @@ constexpr std::chrono::milliseconds shortage_pause{100};
 
 } // namespace
 
-Listener::Listener(Executor executor, Deadlines& deadlines, std::function<void(Socket)> welcome)
+Listener::Listener(const Executor& executor, Deadlines& deadlines,
+                   std::function<void(Socket)> welcome)
     : acceptor_(executor), welcome_(std::move(welcome)), again_(deadlines, [this] { start(); }) {}
 
 bool Listener::listen(const ListenAddress& address, std::string& error) {

@@ -18,7 +18,7 @@ namespace relay {
 class Listener {
 public:
     // `welcome` takes each connection; what it throws ends that connection alone.
-    Listener(Executor executor, Deadlines& deadlines, std::function<void(Socket)> welcome);
+    Listener(const Executor& executor, Deadlines& deadlines, std::function<void(Socket)> welcome);
 
     // Listens there and takes connections from now on. False: `error` says why.
     bool listen(const ListenAddress& address, std::string& error);

@@ -32,7 +32,7 @@ TEST(LatencyHistogram, SumsEveryTime) {
     histogram.add(250ms);
     histogram.add(20s);
     EXPECT_DOUBLE_EQ(histogram.sum_s, 20.25);
-    EXPECT_EQ(std::accumulate(histogram.counts.begin(), histogram.counts.end(), 0u), 3u);
+    EXPECT_EQ(std::accumulate(histogram.counts.begin(), histogram.counts.end(), 0ul), 3ul);
 }
 
 TEST(LatencyHistogram, BoundsRise) {

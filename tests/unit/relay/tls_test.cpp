@@ -14,7 +14,6 @@
 namespace relay {
 namespace {
 
-using testing::EndsWith;
 using testing::StartsWith;
 
 template <auto Free>

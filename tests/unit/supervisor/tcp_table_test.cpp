@@ -49,11 +49,10 @@ TEST(TcpRow, HighPortsAndInodesAreWhole) {
 
 TEST(TcpRow, WhatIsNoRowIsRefused) {
     tcp_row parsed = {};
-    for (const char* line :
-         {"", "\n",
-          "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   "
-          "uid  timeout inode                                                     \n",
-          "  11: 0100007F:A1B2", "nonsense"}) {
+    constexpr char heading[] =
+        "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   "
+        "uid  timeout inode                                                     \n";
+    for (const char* line : {"", "\n", heading, "  11: 0100007F:A1B2", "nonsense"}) {
         EXPECT_FALSE(tcp_row_parse(line, &parsed)) << line;
     }
 }
