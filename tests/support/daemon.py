@@ -26,9 +26,6 @@ from suite_rules import of_this_build
 DAEMON = "cloud_relay_client"
 OBJECT = "cloud_relayc"
 
-# What tests/support/leaks_on_request.cpp writes.
-_LOOKED_FOR_LEAKS = "looked for leaks\n"
-
 SYSTEM_PATH = "/usr/sbin:/usr/bin:/sbin:/bin"
 
 
@@ -186,7 +183,8 @@ class Daemon:
             assert self.alive, f"the daemon has ended with {self._process.returncode}"
             if build() == "valgrind":
                 self._check_with_valgrind()
-            if build() == "address":
+            # A library that is preloaded to fail calls counts blocks by itself.
+            if build() == "address" and not ADDED_ENVIRONMENT:
                 self._look_for_leaks()
         finally:
             self._end()
@@ -206,9 +204,14 @@ class Daemon:
     # The daemon never ends by itself, so its checkers are asked while it runs.
 
     def _look_for_leaks(self):
-        looked = self.errors.count(_LOOKED_FOR_LEAKS)
+        wait_until(self._leak_looks, "it can look for leaks")
+        looks = self._leak_looks()
         os.kill(self.pid, signal.SIGUSR2)
-        wait_until(lambda: self.errors.count(_LOOKED_FOR_LEAKS) > looked, "it looks for leaks")
+        wait_until(lambda: self._leak_looks() != looks, "it looks for leaks")
+
+    def _leak_looks(self):
+        """The name of the thread of tests/support/leaks_on_request.cpp, which counts its looks."""
+        return [name for name in self.threads() if name.startswith("leak looks")]
 
     def _check_with_valgrind(self):
         errors = self._ask_valgrind("v.info", "n_errs_found")
