@@ -1,5 +1,6 @@
 // Requests on their way from the relay to the web server.
 
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <thread>
 
@@ -51,14 +52,16 @@ protected:
         }));
     }
 
-    // Whether nothing more arrives at an end that reads nothing.
-    static bool is_stalled(const web_connection& exchange) {
+    // Whether nothing more arrives at an end that reads nothing, and ours is full: a worker that
+    // seldom runs is not taken for one that waits.
+    bool is_stalled(const web_connection& exchange) {
         int before = 0;
         ioctl(exchange.fd(), FIONREAD, &before);
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
         int after = 0;
         ioctl(exchange.fd(), FIONREAD, &after);
-        return before > 0 && after == before;
+        pollfd room = {.fd = web_socket(), .events = POLLOUT, .revents = 0};
+        return before > 0 && after == before && poll(&room, 1, 0) == 0;
     }
 
     // The descriptor of the connection to the web server under way, as the log tells it.
