@@ -9,6 +9,7 @@
 #include <memory>
 #include <vector>
 
+// Weak, since not every fuzzer has one. NOLINTNEXTLINE(readability-redundant-declaration)
 extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int* argc, char*** argv);
 
 namespace {
