@@ -1,6 +1,6 @@
 // What must go on although a step of it fails: listeners, timers, the event loop.
 //
-// Errors of connections are no exceptions here. What is thrown is std::bad_alloc for the most part.
+// Connections report their errors as error codes; nearly every exception is a std::bad_alloc.
 #pragma once
 
 #include "base/log.h"

@@ -25,7 +25,7 @@ from rounds import USER_S, USERS, Crowd, Opening, Round  # noqa: E402
 from sabotage import Sabotage  # noqa: E402
 
 WARM_UP_SESSIONS = 4
-SETTLE_S = 120  # the longest that a program holds on to a connection that is no more
+SETTLE_S = 120  # the longest that a program keeps a connection whose other end is gone
 REST_S = 1.5    # afterwards, for memory that goes back
 
 

@@ -1,4 +1,4 @@
-// The main function of a fuzzer where there is no libFuzzer: runs the inputs in the files and
+// The main function of a fuzzer in builds without libFuzzer: runs the inputs in the files and
 // folders that it is given. A file that ends the process is the last one named on standard error.
 
 #include "fuzz.h"
