@@ -7,8 +7,6 @@
 namespace relay {
 namespace {
 
-using testing::HasSubstr;
-
 boost::json::object valid() {
     return {{"deviceId", "Router-1"},
             {"deviceMac", "AABBCCDDEEFF"},
