@@ -26,7 +26,8 @@ struct helper_t {
     int64_t deadline;
 };
 
-// In a process group of its own, with the pipe's end as standard output. Returns 0 or an errno.
+// In a process group of its own, with the pipe's end as standard output, and with no signal
+// blocked, unlike a worker that starts it. Returns 0 or an errno.
 int _spawn_shell(const char* command, int output, pid_t* process) {
     posix_spawn_file_actions_t files;
     posix_spawnattr_t attributes;
@@ -42,8 +43,11 @@ int _spawn_shell(const char* command, int output, pid_t* process) {
     char* arguments[] = {shell, option, const_cast<char*>(command), nullptr};
     int error = posix_spawn_file_actions_adddup2(&files, output, STDOUT_FILENO);
     if (error == 0) {
-        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
+        sigset_t none;
+        sigemptyset(&none);
+        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK);
         posix_spawnattr_setpgroup(&attributes, 0);
+        posix_spawnattr_setsigmask(&attributes, &none);
         error = posix_spawn(process, "/bin/sh", &files, &attributes, arguments, environ);
     }
     posix_spawnattr_destroy(&attributes);

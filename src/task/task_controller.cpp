@@ -1,6 +1,7 @@
 #include "task/task_controller.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -94,6 +95,23 @@ int _swCloudRelayClientParamsInit() {
     return CLOUD_OK;
 }
 
+// Returns 0 or pthread_create's error. The worker takes none of the event loop's signals: their
+// handler writes to the loop's pipe, and could change errno between a call of the worker and its
+// look at it.
+int _create_worker() {
+    sigset_t ofEventLoop;
+    sigemptyset(&ofEventLoop);
+    sigaddset(&ofEventLoop, SIGCHLD);
+    sigaddset(&ofEventLoop, SIGINT);
+    sigaddset(&ofEventLoop, SIGTERM);
+    sigset_t former;
+    pthread_sigmask(SIG_BLOCK, &ofEventLoop, &former);
+    int result =
+        pthread_create(&task.lCloudBrdTask, nullptr, _swCloudRelayClientTaskEntry, task.cloudCycle);
+    pthread_sigmask(SIG_SETMASK, &former, nullptr);
+    return result;
+}
+
 // Makes the cycle and its worker. The worker is born under the lock: even one that ends at once
 // finds the task started before it marks it ended.
 int _create_task(const char* ipAddr, uint32_t port) {
@@ -108,8 +126,7 @@ int _create_task(const char* ipAddr, uint32_t port) {
         LOG_ERROR_AS(NAME, CALL_FAILED, result, "cloud_cycle_init(ipAddr, port, cloudCycle)");
         return result;
     }
-    result =
-        pthread_create(&task.lCloudBrdTask, nullptr, _swCloudRelayClientTaskEntry, task.cloudCycle);
+    result = _create_worker();
     if (result != 0) {
         LOG_ERROR_AS(NAME, CALL_FAILED, result,
                      "pthread_create(&lCloudBrdTask, NULL, _swCloudRelayClientTaskEntry, NULL)");

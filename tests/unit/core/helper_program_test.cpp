@@ -9,6 +9,7 @@
 #include <future>
 #include <gmock/gmock.h>
 #include <string>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -94,6 +95,19 @@ TEST_F(HelperProgram, GivesWhatItPrints) {
     EXPECT_EQ(run("printf text"), "text");
     EXPECT_EQ(length, 4);
     EXPECT_EQ(held(), "text????????????");
+}
+
+TEST_F(HelperProgram, StartsWithNoSignalBlockedEvenWhereItsStarterBlocksAll) {
+    // Debian's own shell unblocks all signals as it starts.
+    ASSERT_EQ(mount("/bin/bash", "/bin/sh", nullptr, MS_BIND, nullptr), 0);
+    sigset_t all;
+    sigset_t former;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &former);
+    std::string blocked = run("sed -n 's/^SigBlk:[^0-9a-f]*//p' /proc/self/status");
+    pthread_sigmask(SIG_SETMASK, &former, nullptr);
+    EXPECT_EQ(umount("/bin/sh"), 0);
+    EXPECT_EQ(blocked, "0000000000000000");
 }
 
 TEST_F(HelperProgram, GivesTheFirstBytesOfMore) {

@@ -1,7 +1,9 @@
 #include "task/task_controller.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 
 #include "controlled_task.h"
 #include "session/cloud_cycle.h"
@@ -20,6 +22,26 @@ namespace {
 const bool isPrivate = private_namespaces();
 
 using TaskControllerTest = ControlledTask;
+
+// The signals that the first thread of that name blocks, bit n - 1 for signal n; 0 without one.
+uint64_t blocked_signals(const std::string& name) {
+    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string status = read_file(thread.path() / "status");
+        size_t mask = status.find("SigBlk:\t");
+        if (status.starts_with("Name:\t" + name) && mask != std::string::npos) {
+            return strtoull(status.c_str() + mask + strlen("SigBlk:\t"), nullptr, 16);
+        }
+    }
+    return 0;
+}
+
+uint64_t signal_bits(std::initializer_list<int> signals) {
+    uint64_t bits = 0;
+    for (int signal : signals) {
+        bits |= uint64_t{1} << (signal - 1);
+    }
+    return bits;
+}
 
 } // namespace
 
@@ -145,6 +167,15 @@ TEST_F(TaskControllerTest, AWorkerCleansUpBeforeItSaysGoodbye) {
     EXPECT_EQ(messages.back(), TASK_EXIT);
     EXPECT_THAT(messages, Contains("[CRC:] Destroy cloud-cycle end.").Times(1));
     expect_idle();
+}
+
+TEST_F(TaskControllerTest, AWorkerLeavesSignalsOfTheEventLoopToTheMainThread) {
+    tls_peer relay;
+    start_session(relay);
+    EXPECT_EQ(blocked_signals("cycleHnd_"), signal_bits({SIGCHLD, SIGINT, SIGTERM}));
+    sigset_t own;
+    pthread_sigmask(SIG_SETMASK, nullptr, &own);
+    EXPECT_TRUE(sigisemptyset(&own));
 }
 
 TEST_F(TaskControllerTest, StopAsksTheSessionToEndAndDoesNotWait) {
