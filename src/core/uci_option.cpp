@@ -7,10 +7,12 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <uci.h>
 
 #include "core/log.h"
+#include "core/mutex_guard.h"
 
 namespace {
 
@@ -32,6 +34,9 @@ constexpr int64_t NS_PER_SECOND = 1'000'000'000;
 struct uci_context_deleter {
     void operator()(uci_context* context) const { uci_free_context(context); }
 };
+
+// libuci enters its one backend for files into the list of each context that it makes.
+pthread_mutex_t uciMutex = PTHREAD_MUTEX_INITIALIZER;
 
 // Prints what uci_perror prints. That one adds a line end to a static buffer at every call, and in
 // time writes beyond it.
@@ -89,6 +94,7 @@ bool _look_at_files(const char* str, uci_cache_t* seen) {
 
 int readUCI(const char* str, char* out, size_t size) {
     ENSURE(str != NULL, -1);
+    mutex_guard guard(&uciMutex);
     uci_context* context = uci_alloc_context();
     ENSURE(context != NULL, -1);
     std::unique_ptr<uci_context, uci_context_deleter> owner(context);

@@ -3,8 +3,8 @@
 #include <cstddef>
 #include <cstdint>
 
-// Reading single options of the router's configuration (libuci, /etc/config). Threads: any; every
-// reading works on a UCI context of its own.
+// Reading single options of the router's configuration (libuci, /etc/config). Threads: any, one
+// at a time; every reading works on a UCI context of its own.
 
 struct uci_context;
 
