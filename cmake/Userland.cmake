@@ -52,11 +52,10 @@ if(CRC_FOUND_ubox AND CRC_FOUND_blobmsg_json AND CRC_FOUND_uci)
     find_program(CRC_UCI_TOOL uci)
 else()
     # One prefix for all builds that run on this machine; another CPU's build has its own, and so
-    # have sanitizers of memory, which see into both libraries. Not the thread sanitizer: it reports
-    # libubox's signal handler, which may run on any thread, and libuci's one record of a backend.
+    # has each sanitizer, which sees into both libraries.
     if(CMAKE_CROSSCOMPILING)
         set(CRC_DEPS_PREFIX ${CMAKE_BINARY_DIR}/deps/prefix)
-    elseif(CRC_SANITIZE MATCHES "address|fuzzer")
+    elseif(CRC_SANITIZE)
         set(CRC_DEPS_PREFIX ${CMAKE_SOURCE_DIR}/build/deps/${CRC_SANITIZE})
         list(JOIN crc_sanitizer_flags " " flags)
         # libubox reads numbers of 8 bytes that it aligns to 4.
