@@ -77,7 +77,9 @@ std::string to_prometheus(const Metrics& metrics, const Gauges& gauges) {
                 d(gauges.exchanges_open));
     page.single("memory_used_bytes", gauge, "Requests and answers held for users.",
                 d(gauges.memory_used_bytes));
-    page.single("memory_limit_bytes", gauge, "Most of them.", d(gauges.memory_limit_bytes));
+    page.single("memory_limit_bytes", gauge,
+                "memory_bytes of the configuration: the most that may be held.",
+                d(gauges.memory_limit_bytes));
     page.single("user_connections_open", gauge, "Connections of users.",
                 d(metrics.user_connections_open));
     page.single("device_connections_total", counter, "Connections of devices accepted.",
@@ -93,9 +95,13 @@ std::string to_prometheus(const Metrics& metrics, const Gauges& gauges) {
                 d(metrics.late_answers));
     page.single("user_connections_total", counter, "Connections of users accepted.",
                 d(metrics.user_connections));
-    page.begin("requests_total", counter, "Requests by status; 0: the user left first.");
-    for (const auto& [status, count] : metrics.requests_by_status)
-        page.sample(d(count), "status=\"" + std::to_string(status) + "\"");
+    page.begin("requests_total", counter,
+               "Requests by status; 0: the user left first, 2xx: an unknown status of that class.");
+    for (const auto& [status, count] : metrics.requests_by_status) {
+        const std::string name = std::to_string(status);
+        page.sample(d(count),
+                    "status=\"" + (status == 0 || status > 5 ? name : name + "xx") + "\"");
+    }
     add_latency(page, metrics.latency);
     page.begin("bytes_total", counter, "Bytes carried.");
     page.sample(d(metrics.bytes_from_devices), "side=\"device\",direction=\"in\"");

@@ -1,6 +1,8 @@
 // What the relay counts. Plain numbers: one thread writes and reads them.
 #pragma once
 
+#include <boost/beast/http/status.hpp>
+
 #include <array>
 #include <chrono>
 #include <cstdint>
@@ -13,6 +15,14 @@ namespace relay {
 enum class Refusal { tls, time_out, crowded_out, malformed, not_admitted, draining };
 constexpr std::array<std::string_view, 6> refusal_names = {
     "tls", "time_out", "crowded_out", "malformed", "not_admitted", "draining"};
+
+// The number under which a status is counted: itself, or its class (1 to 5) when it is not one that
+// is known. Devices choose their statuses, and each number is a series for whoever collects them.
+inline unsigned counted_status(unsigned status) {
+    using boost::beast::http::int_to_status;
+    const bool is_known = int_to_status(status) != boost::beast::http::status::unknown;
+    return status == 0 || is_known ? status : status / 100;
+}
 
 // Times of answered requests, by upper bounds in seconds.
 struct LatencyHistogram {
@@ -38,7 +48,7 @@ struct Metrics {
     std::uint64_t heartbeats = 0;
     std::uint64_t user_connections = 0;
     std::uint64_t user_connections_open = 0;
-    std::map<unsigned, std::uint64_t> requests_by_status;
+    std::map<unsigned, std::uint64_t> requests_by_status; // by counted_status()
     LatencyHistogram latency;
     std::uint64_t bytes_from_devices = 0;
     std::uint64_t bytes_to_devices = 0;

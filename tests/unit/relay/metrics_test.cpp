@@ -10,6 +10,17 @@ namespace {
 
 using namespace std::chrono_literals;
 
+TEST(CountedStatus, IsTheClassOfAnUnknownNumber) {
+    for (const unsigned known : {0u, 200u, 206u, 404u, 504u})
+        EXPECT_EQ(counted_status(known), known);
+    EXPECT_EQ(counted_status(299), 2u);
+    EXPECT_EQ(counted_status(555), 5u);
+    std::set<unsigned> series;
+    for (unsigned status = 100; status < 600; ++status)
+        series.insert(counted_status(status));
+    EXPECT_LT(series.size(), 80u);
+}
+
 TEST(LatencyHistogram, BoundsBelongToTheirBucket) {
     for (std::size_t i = 0; i < LatencyHistogram::bounds.size(); ++i) {
         LatencyHistogram histogram;

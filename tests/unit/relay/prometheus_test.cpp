@@ -19,7 +19,7 @@ Metrics some() {
     metrics.device_connections = 12;
     metrics.sessions = 11;
     metrics.refuse(Refusal::not_admitted);
-    metrics.requests_by_status = {{0, 1}, {200, 7}, {504, 2}};
+    metrics.requests_by_status = {{0, 1}, {4, 3}, {200, 7}, {504, 2}};
     metrics.latency.add(700us);
     metrics.latency.add(2s);
     metrics.latency.add(60s);
@@ -54,6 +54,7 @@ TEST(Prometheus, ShowsGaugesAndCounters) {
     EXPECT_EQ(found["relay_requests_total{status=\"200\"}"], 7);
     EXPECT_EQ(found["relay_requests_total{status=\"504\"}"], 2);
     EXPECT_EQ(found["relay_requests_total{status=\"0\"}"], 1);
+    EXPECT_EQ(found["relay_requests_total{status=\"4xx\"}"], 3);
 }
 
 TEST(Prometheus, ShowsEveryCauseOfRefusalFromTheStart) {
