@@ -5,23 +5,21 @@
 #include <ctime>
 
 namespace relay {
-namespace {
 
-char lower(char c) {
+char lower_case(char c) {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
-} // namespace
-
 std::string lower_case(std::string_view text) {
     std::string result(text);
-    std::transform(result.begin(), result.end(), result.begin(), lower);
+    for (char& c : result)
+        c = lower_case(c);
     return result;
 }
 
 bool equals_ignoring_case(std::string_view a, std::string_view b) {
     return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                      [](char x, char y) { return lower(x) == lower(y); });
+                      [](char x, char y) { return lower_case(x) == lower_case(y); });
 }
 
 std::string_view trimmed(std::string_view text) {

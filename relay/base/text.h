@@ -10,6 +10,7 @@
 namespace relay {
 
 // ASCII only, as host names, header names and hexadecimal digits are.
+char lower_case(char c);
 std::string lower_case(std::string_view text);
 bool equals_ignoring_case(std::string_view a, std::string_view b);
 

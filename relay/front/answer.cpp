@@ -2,6 +2,7 @@
 
 #include "base/text.h"
 #include "front/headers.h"
+#include "front/urls.h"
 
 #include <array>
 #include <charconv>
@@ -10,10 +11,8 @@ namespace relay {
 namespace {
 
 bool is_own_host(std::string_view host, std::string_view device_host) {
-    const auto name_of = [](std::string_view text) { return text.substr(0, text.rfind(':')); };
-    const auto name = name_of(host);
-    return equals_ignoring_case(name, name_of(device_host)) ||
-           equals_ignoring_case(name, "localhost") || name == "127.0.0.1";
+    return equals_ignoring_case(host, host_of(device_host)) ||
+           equals_ignoring_case(host, "localhost") || host == "127.0.0.1";
 }
 
 std::string chunk_head(std::size_t bytes) {
@@ -42,9 +41,10 @@ HeadState take_answer_head(std::string& text, bool to_head, std::optional<Answer
     parser->skip(to_head);
     parser->put(boost::asio::buffer(text.data(), end + head_end.size()), error);
     text.erase(0, end + head_end.size());
-    if (error || !parser->is_header_done() || parser->get().result_int() == 101)
+    const unsigned status = parser->get().result_int();
+    if (error || !parser->is_header_done() || status < 100 || status > 599 || status == 101)
         return HeadState::broken;
-    return parser->get().result_int() / 100 == 1 ? HeadState::interim : HeadState::complete;
+    return status / 100 == 1 ? HeadState::interim : HeadState::complete;
 }
 
 std::optional<BodyFraming> framing_of(const AnswerParser& parser, bool to_head,
@@ -63,30 +63,37 @@ std::optional<BodyFraming> framing_of(const AnswerParser& parser, bool to_head,
 }
 
 std::string public_location(std::string_view location, const Addresses& addresses) {
-    std::string_view rest;
-    for (const std::string_view scheme : {"http://", "https://"})
-        if (equals_ignoring_case(location.substr(0, scheme.size()), scheme))
-            rest = location.substr(scheme.size());
-    const auto end = rest.find_first_of("/?#");
-    if (rest.empty() || !is_own_host(rest.substr(0, end), addresses.device_host))
+    const auto url = url_parts(location);
+    if (!url || !is_own_host(url->host, addresses.device_host))
         return std::string(location);
     std::string result(addresses.public_scheme);
     result += "://";
     result += addresses.public_host;
-    return result += end == rest.npos ? std::string_view() : rest.substr(end);
+    return result += url->rest;
 }
 
-std::string own_cookie(std::string_view cookie) {
+bool leads_to_own_https(const AnswerHead& head, std::string_view target,
+                        std::string_view device_host) {
+    const auto url =
+        head.result_int() / 100 == 3 ? url_parts(head[http::field::location]) : std::nullopt;
+    return url && equals_ignoring_case(url->scheme, "https") &&
+           is_own_host(url->host, device_host) && (url->rest.empty() ? "/" : url->rest) == target;
+}
+
+std::string own_cookie(std::string_view cookie, bool over_tls) {
     auto end = std::min(cookie.find(';'), cookie.size());
     std::string result(cookie.substr(0, end)); // name and value, whatever the name is
+    bool is_secure = false;
     while (end < cookie.size()) {
         cookie.remove_prefix(end + 1);
         end = std::min(cookie.find(';'), cookie.size());
         const auto attribute = cookie.substr(0, end);
-        if (!equals_ignoring_case(trimmed(attribute.substr(0, attribute.find('='))), "domain"))
+        const auto name = trimmed(attribute.substr(0, attribute.find('=')));
+        is_secure = is_secure || equals_ignoring_case(name, "secure");
+        if (!equals_ignoring_case(name, "domain"))
             result.append(";").append(attribute);
     }
-    return result;
+    return over_tls && !is_secure ? result + "; Secure" : result;
 }
 
 std::string user_head(const AnswerHead& head, const UserHeadOptions& options,
@@ -104,7 +111,7 @@ std::string user_head(const AnswerHead& head, const UserHeadOptions& options,
         if (equals_ignoring_case(name, "location"))
             append_header(text, name, public_location(value, addresses));
         else if (equals_ignoring_case(name, "set-cookie"))
-            append_header(text, name, own_cookie(value));
+            append_header(text, name, own_cookie(value, addresses.public_scheme == "https"));
         else
             append_header(text, name, value);
     }

@@ -59,9 +59,14 @@ struct Addresses {
 // A Location for the user: the device's own address becomes the public one.
 std::string public_location(std::string_view location, const Addresses& addresses);
 
+// Whether a redirect leads back to what was asked for, over the device's own TLS: through the relay
+// the user would come to the very same page, for ever.
+bool leads_to_own_https(const AnswerHead& head, std::string_view target,
+                        std::string_view device_host);
+
 // A Set-Cookie for the user, without its Domain: a device must not set cookies for its neighbours,
-// which share the base domain with it.
-std::string own_cookie(std::string_view cookie);
+// which share the base domain with it. Over TLS it is for TLS only.
+std::string own_cookie(std::string_view cookie, bool over_tls);
 
 struct UserHeadOptions {
     BodyFraming framing;
@@ -84,6 +89,8 @@ public:
     // What became of them; valid until the next convert().
     std::string_view output() const { return output_; }
     bool is_done() const;
+    // Whether an orderly end of the user's connection is all that tells him that the body is whole.
+    bool ends_with_connection() const { return framing_.kind == BodyKind::chunked && !may_chunk_; }
 
 private:
     bool decode_chunks(std::string_view bytes);

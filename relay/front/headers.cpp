@@ -2,23 +2,12 @@
 
 #include "base/text.h"
 
+#include <boost/beast/http/rfc7230.hpp>
+
 #include <array>
 
 namespace relay {
 namespace {
-
-// True when `list`, separated by commas, has `name`.
-bool has_token(std::string_view list, std::string_view name) {
-    while (!list.empty()) {
-        const auto comma = list.find(',');
-        if (equals_ignoring_case(trimmed(list.substr(0, comma)), name))
-            return true;
-        if (comma == list.npos)
-            return false;
-        list.remove_prefix(comma + 1);
-    }
-    return false;
-}
 
 // `connection`: the values of all Connection headers as one list.
 bool is_hop_by_hop(std::string_view name, std::string_view connection) {
@@ -34,7 +23,8 @@ bool is_hop_by_hop(std::string_view name, std::string_view connection) {
     for (const auto each : names)
         if (equals_ignoring_case(name, each))
             return true;
-    return has_token(connection, name);
+    return boost::beast::http::token_list({connection.data(), connection.size()})
+        .exists({name.data(), name.size()});
 }
 
 } // namespace

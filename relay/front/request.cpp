@@ -2,6 +2,9 @@
 
 #include "base/text.h"
 #include "front/headers.h"
+#include "front/urls.h"
+
+#include <boost/beast/http/rfc7230.hpp>
 
 #include <algorithm>
 #include <vector>
@@ -17,15 +20,33 @@ std::string_view value_of(const RequestHead& head, http::field field) {
     return head[field];
 }
 
-// What the relay has settled with the user, or tells the device in words of its own: where a
-// request comes from is believed of nobody.
+// What the relay has settled with the user, or writes itself: a user could lie about where his
+// request comes from. CGI programs get X_Forwarded_For under the same name as X-Forwarded-For.
 bool is_written_anew(std::string_view name) {
+    const auto is_same = [](char given, char own) {
+        return (given == '_' ? '-' : lower_case(given)) == own;
+    };
     for (const std::string_view each :
          {"host", "content-length", "expect", "x-forwarded-for", "x-forwarded-proto",
           "x-forwarded-host", "x-forwarded-port", "x-real-ip", "forwarded"})
-        if (equals_ignoring_case(name, each))
+        if (std::equal(name.begin(), name.end(), each.begin(), each.end(), is_same))
             return true;
     return false;
+}
+
+bool names_a_page(std::string_view name) {
+    return equals_ignoring_case(name, "origin") || equals_ignoring_case(name, "referer");
+}
+
+// A device that compares where a form comes from with its Host knows its own address only.
+std::string page_for_device(std::string_view page, const Route& route,
+                            std::string_view device_host) {
+    const auto url = url_parts(page);
+    if (!url || !equals_ignoring_case(url->authority, route.host))
+        return std::string(page);
+    std::string text = "http://";
+    text += device_host;
+    return text += url->rest;
 }
 
 // The next line of a head, which it loses.
@@ -45,12 +66,14 @@ std::vector<Header> headers_of(std::string_view lines) {
     return headers;
 }
 
-// "host", "host:80", "[::1]:80": without the port.
-std::string_view without_port(std::string_view host) {
-    const auto colon = host.rfind(':');
-    if (colon == host.npos || host.find_first_not_of("0123456789", colon + 1) != host.npos)
-        return host;
-    return host.substr(0, colon);
+// Other offers may be ignored, as HTTP/2 is without TLS; a WebSocket's first request is of no use
+// to the device as a plain one.
+bool asks_for_websocket(const RequestHead& head) {
+    for (const auto& field : head)
+        if (field.name() == http::field::upgrade &&
+            http::token_list(field.value()).exists("websocket"))
+            return true;
+    return false;
 }
 
 bool is_host(std::string_view text) {
@@ -142,12 +165,26 @@ std::optional<PageReason> check_head(const RequestHead& head) {
          !equals_ignoring_case(value_of(head, http::field::transfer_encoding), "chunked")))
         return PageReason{501, "This relay knows no transfer coding but \"chunked\".",
                           "transfer_coding"};
-    if (head.count(http::field::upgrade) > 0)
+    if (asks_for_websocket(head))
         return PageReason{501,
-                          "This relay carries one request and its answer at a time. A connection "
-                          "that is upgraded to another protocol, such as WebSocket, does not pass.",
+                          "This page wants a WebSocket, which does not pass through the relay: it "
+                          "carries one request and its answer at a time.",
                           "upgrade"};
     return std::nullopt;
+}
+
+std::optional<PageReason> check_origin(const RequestHead& head, const Route& route) {
+    const auto method = head.method();
+    if (method == http::verb::get || method == http::verb::head || method == http::verb::options)
+        return std::nullopt;
+    const std::string_view origin = head[http::field::origin];
+    const std::string_view site = head["Sec-Fetch-Site"];
+    const auto url = url_parts(origin);
+    if (origin.empty() || !equals_ignoring_case(site, "same-site") ||
+        (url && equals_ignoring_case(url->authority, route.host)))
+        return std::nullopt;
+    return PageReason{403, "A page of another device tried to change something on this one.",
+                      "other_device"};
 }
 
 std::optional<Route> route_of(const RequestHead& head, std::string_view base_domain) {
@@ -167,7 +204,7 @@ std::optional<Route> route_of(const RequestHead& head, std::string_view base_dom
     }
     if (!is_host(route.host))
         return std::nullopt;
-    std::string name = lower_case(without_port(route.host));
+    std::string name = lower_case(host_of(route.host));
     if (name.ends_with('.'))
         name.pop_back();
     if (name.size() > base_domain.size() + 1 && name.ends_with(base_domain) &&
@@ -189,9 +226,14 @@ std::string device_head(std::string_view head, const Route& route, const Forward
     text += first.substr(first.rfind(' '));
     text += "\r\n";
     append_header(text, "Host", forwarding.device_host);
-    for (const auto& [name, value] : headers)
-        if (!is_written_anew(name))
+    for (const auto& [name, value] : headers) {
+        if (is_written_anew(name))
+            continue;
+        if (names_a_page(name))
+            append_header(text, name, page_for_device(value, route, forwarding.device_host));
+        else
             append_header(text, name, value);
+    }
     if (has_body)
         append_header(text, "Content-Length", std::to_string(body_bytes));
     append_header(text, "X-Forwarded-For", forwarding.user);

@@ -61,6 +61,10 @@ struct Route {
 // Nothing when the host is unusable.
 std::optional<Route> route_of(const RequestHead& head, std::string_view base_domain);
 
+// Devices share the base domain, and so a page of one may send requests to another with the user's
+// cookies. What is refused are those that could change something there; links work.
+std::optional<PageReason> check_origin(const RequestHead& head, const Route& route);
+
 struct Forwarding {
     std::string_view device_host; // for Host
     std::string_view user;        // address

@@ -136,8 +136,12 @@ std::optional<PageReason> UserConnection::route(Turn& turn) {
                               ": put the device's id before this name.",
                           "no_device_named"};
     if (!services_.devices.find(turn.route->device_id))
-        return PageReason{404, "No device named \"" + turn.route->device_id + "\" is connected.",
+        return PageReason{404,
+                          "The device \"" + turn.route->device_id +
+                              "\" is not connected to this relay. Is it switched on and online?",
                           "unknown_device"};
+    if (auto refusal = check_origin(turn.parser.get(), *turn.route))
+        return refusal;
     if (services_.budget.is_spent())
         return PageReason{503, "The relay has no memory left for this request. Try again soon.",
                           "memory"};
@@ -187,7 +191,7 @@ Awaitable<bool> UserConnection::read_body(Turn& turn) {
 std::shared_ptr<Exchange> UserConnection::submit(Turn& turn) {
     const auto session = services_.devices.find(turn.route->device_id);
     if (!session) {
-        turn.page = {502, "The device is no longer connected.", "device_gone"};
+        turn.page = {502, "The device is not connected any more.", "device_gone"};
         return nullptr;
     }
     const auto& request = turn.parser.get();
@@ -221,11 +225,15 @@ Awaitable<bool> UserConnection::relay(Turn& turn) {
     const auto state = co_await exchange->answered();
     bool goes_on = true;
     if (state == Exchange::State::timed_out)
-        turn.page = {504, "The device did not answer in time.", "time_out"};
+        turn.page = {504,
+                     "The device is slow: it has not answered in time. It may still carry out what "
+                     "it was asked for.",
+                     "time_out"};
     else if (state == Exchange::State::gone && !stream_.is_there())
         goes_on = false;
     else if (state == Exchange::State::gone)
-        turn.page = {502, "The device's connection ended before it answered.", "device_gone"};
+        turn.page = {502, "The device was cut off before it had answered. Try again soon.",
+                     "device_gone"};
     else
         goes_on = co_await relay_answer(turn, *exchange);
     exchange->abandon();
@@ -259,6 +267,13 @@ Awaitable<bool> UserConnection::relay_answer(Turn& turn, Exchange& exchange) {
         }
     }
     const auto framing = framing_of(*parser, turn.to_head, text.size() + left);
+    if (leads_to_own_https(parser->get(), turn.route->target, options_.device_host)) {
+        turn.page = {502,
+                     "The device sends every visitor on to its own HTTPS address, which is not "
+                     "reached through the relay. Let the device serve plain HTTP to the relay.",
+                     "https_redirect"};
+        co_return true;
+    }
     if (!framing) {
         turn.page = unusable("The device's answer is shorter than it says.");
         co_return true;
@@ -286,9 +301,8 @@ Awaitable<bool> UserConnection::relay_body(Turn& turn, Exchange& exchange, Answe
             turn.page = unusable("The device's answer breaks off.");
             co_return true;
         }
-        // A body that breaks off later ends the connection: the user must not take it for whole.
         if (!is_sound)
-            co_return false;
+            co_return cut_off(turn, body);
         const bool written = co_await write(turn, head, body.output());
         if (!written || body.is_done())
             co_return written;
@@ -297,9 +311,17 @@ Awaitable<bool> UserConnection::relay_body(Turn& turn, Exchange& exchange, Answe
             continue;
         const bool more = co_await exchange.take(bytes);
         if (!more)
-            co_return false;
+            co_return cut_off(turn, body);
         rest = view(bytes);
     }
+}
+
+// A body that breaks off ends the connection, so that the user does not take it for whole.
+bool UserConnection::cut_off(Turn& turn, const AnswerBody& body) {
+    turn.page.note = "cut_off";
+    if (body.ends_with_connection())
+        stream_.reset();
+    return false;
 }
 
 Awaitable<bool> UserConnection::write(Turn& turn, std::string_view first, std::string_view second) {
@@ -336,7 +358,7 @@ void UserConnection::account(const Turn& turn) {
     const auto duration = Clock::now() - turn.began;
     Metrics& metrics = services_.metrics;
     const unsigned status = turn.sent_bytes > 0 ? turn.status : 0;
-    ++metrics.requests_by_status[status];
+    ++metrics.requests_by_status[counted_status(status)];
     if (status != 0)
         metrics.latency.add(duration);
     const auto& request = turn.parser.get();

@@ -31,7 +31,7 @@ private:
         RequestParser parser;
         std::optional<Route> route;
         std::string head; // as it came
-        PageReason page;  // what the relay answers itself, while status is not 0
+        PageReason page;  // what the relay answers itself, while status is not 0; and the note
         bool keep_alive = false;
         bool to_head = false;         // a HEAD request
         unsigned status = 0;          // as sent
@@ -47,6 +47,7 @@ private:
     Awaitable<bool> relay_answer(Turn& turn, Exchange& exchange);
     Awaitable<bool> relay_body(Turn& turn, Exchange& exchange, AnswerBody& body, std::string head,
                                std::string_view rest);
+    bool cut_off(Turn& turn, const AnswerBody& body);
     Awaitable<bool> answer_page(Turn& turn);
     Awaitable<bool> write(Turn& turn, std::string_view first, std::string_view second = {});
     Awaitable<void> linger();

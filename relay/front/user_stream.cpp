@@ -57,6 +57,12 @@ Awaitable<void> UserStream::end_output() {
     socket_.shutdown(Socket::shutdown_send, ignored);
 }
 
+void UserStream::reset() {
+    error_code ignored;
+    socket_.set_option(Socket::linger(true, 0), ignored);
+    socket_.close(ignored);
+}
+
 void UserStream::close() {
     error_code ignored;
     socket_.close(ignored);

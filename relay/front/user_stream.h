@@ -28,6 +28,7 @@ public:
     // Says that nothing more comes, which TLS does in a record of its own.
     Awaitable<void> end_output();
     void close();
+    void reset(); // what was not sent yet is lost
 
 private:
     Socket socket_;

@@ -130,6 +130,14 @@ def test_redirects_to_the_device_itself_lead_to_the_public_address(hand_on, user
     assert response.values("Location") == [rewritten.format(host=user.host)]
 
 
+@pytest.mark.parametrize("location", ["https://127.0.0.1/", "https://localhost:443",
+                                      "HTTPS://127.0.0.1:8443/"])
+def test_a_redirect_to_the_device_s_own_https_is_explained(hand_on, location):
+    response = hand_on(http_answer(b"", "301 Moved Permanently", [f"Location: {location}"]))
+    assert response.status == 502
+    assert b"Let the device serve plain HTTP to the relay" in response.body
+
+
 @pytest.mark.parametrize("location", [
     "/relative", "relative", "", "http://elsewhere.example/", "http://127.0.0.1.evil.example/",
     "http://127.0.0.10/", "ftp://127.0.0.1/", "http://x@127.0.0.1/", "http://",
@@ -205,7 +213,23 @@ def test_chunks_that_break_off_later_do_not_look_whole(relay, device, user):
     device.send(b"zzz")
     assert user.read_rest() == b"5\r\nhello\r\n"
     assert relay.devices()[DEVICE_ID]["open"] == 0
+    wait_until(lambda: [line.get("note") for line in relay.accesses()] == ["cut_off"],
+               "it is logged")
     device.beat()
+
+
+def test_a_body_that_ends_with_the_connection_breaks_off_with_a_reset(relay, device, user):
+    user.ask(version="HTTP/1.0")
+    request = device.expect_request()
+    start = b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n"
+    device.send(header(RELAY_RESPONSE, request.id, len(start) + 3) + start)
+    assert user.read_head().values("Connection") == ["close"]
+    assert user._exactly(5) == b"hello"
+    device.send(b"zzz")
+    with pytest.raises(ConnectionResetError):
+        user.socket.recv(1)
+    wait_until(lambda: [line.get("note") for line in relay.accesses()] == ["cut_off"],
+               "it is logged")
 
 
 def test_an_answer_arrives_while_it_comes(device, user):

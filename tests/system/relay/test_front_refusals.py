@@ -30,8 +30,8 @@ def refuse(device, user):
 
 @pytest.mark.parametrize("host, text", [
     ("localhost", b"put the device"), ("example.org", b"put the device"),
-    ("127.0.0.1", b"put the device"), ("nobody.localhost", b"No device named &quot;nobody&quot;"
-                                                           b" is connected"),
+    ("127.0.0.1", b"put the device"), ("nobody.localhost", b"&quot;nobody&quot; is not "
+                                                           b"connected"),
     ("a.b.localhost", b"a.b"),
 ])
 def test_404_for_a_host_that_is_no_device_s(refuse, user, host, text):
@@ -106,12 +106,41 @@ def test_431_for_a_header_of_1_mb(device, user, start):
     untouched(device)
 
 
-@pytest.mark.parametrize("head", [
-    "GET /ws HTTP/1.1\r\nHost: {}\r\nConnection: Upgrade\r\nUpgrade: websocket\r\n\r\n",
-    "GET / HTTP/1.1\r\nHost: {}\r\nUpgrade: h2c\r\n\r\n",
-])
-def test_501_for_an_upgrade_says_why(refuse, user, head):
-    assert b"WebSocket" in refuse(head.format(user.host), 501).body
+@pytest.mark.parametrize("upgrade", ["websocket", "h2c, WebSocket"])
+def test_501_for_a_websocket_says_why(refuse, user, upgrade):
+    head = user.head("/ws", headers=["Connection: Upgrade", f"Upgrade: {upgrade}"])
+    assert b"WebSocket" in refuse(head, 501).body
+
+
+def test_other_offers_to_upgrade_are_ignored(device, user):
+    user.ask(headers=["Connection: Upgrade, HTTP2-Settings", "Upgrade: h2c",
+                      "HTTP2-Settings: AAMAAABkAARAAAAAAAIAAAAA"])
+    request = device.expect_request()
+    assert request.values("Upgrade") == request.values("HTTP2-Settings") == []
+    device.answer(request)
+    user.expect(200)
+
+
+@pytest.mark.parametrize("origin", ["http://neighbour.localhost:{port}", "null",
+                                    "http://neighbour.localhost"])
+def test_403_for_a_change_that_another_device_s_page_asks_for(relay, device, user, origin):
+    origin = origin.format(port=relay.front_port)
+    user.ask("/reset", "POST", ["Sec-Fetch-Site: same-site", f"Origin: {origin}"], b"")
+    assert b"another device" in user.expect(403).body
+    user.ask("/link", headers=["Sec-Fetch-Site: same-site"])
+    request = device.expect_request()
+    assert request.line == "GET /link HTTP/1.1"
+    device.answer(request)
+    user.expect(200)
+
+
+@pytest.mark.parametrize("site", ["same-site", "same-origin"])
+def test_a_page_of_the_device_itself_may_change_it(device, user, site):
+    user.ask("/reset", "POST", [f"Sec-Fetch-Site: {site}", f"Origin: http://{user.host}"], b"")
+    request = device.expect_request()
+    assert request.values("Origin") == ["http://127.0.0.1"]
+    device.answer(request)
+    user.expect(200)
 
 
 def test_501_for_connect(refuse):

@@ -107,6 +107,23 @@ TEST(Location, ElsewhereStays) {
         EXPECT_EQ(location(other), other);
 }
 
+bool is_endless(const std::string& first, const std::string& location,
+                const std::string& target = "/x?y") {
+    return leads_to_own_https(parsed(head_of("Location: " + location + "\r\n", first))->get(),
+                              target, "router.lan:8080");
+}
+
+TEST(Location, AtTheDevicesOwnHttpsOfTheSamePageIsEndless) {
+    EXPECT_TRUE(is_endless("HTTP/1.1 301 Moved", "https://router.lan/x?y"));
+    EXPECT_TRUE(is_endless("HTTP/1.1 308 Moved", "https://127.0.0.1:8443/x?y"));
+    EXPECT_TRUE(is_endless("HTTP/1.1 302 Found", "HTTPS://localhost", "/"));
+    EXPECT_FALSE(is_endless("HTTP/1.1 301 Moved", "https://router.lan/x"));
+    EXPECT_FALSE(is_endless("HTTP/1.1 301 Moved", "http://router.lan/x?y"));
+    EXPECT_FALSE(is_endless("HTTP/1.1 301 Moved", "https://example.org/x?y"));
+    EXPECT_FALSE(is_endless("HTTP/1.1 301 Moved", "/x?y"));
+    EXPECT_FALSE(is_endless("HTTP/1.1 201 Created", "https://router.lan/x?y"));
+}
+
 // --- the head for the user -----------------------------------------------------------------
 
 std::string user_gets(const std::string& head, const UserHeadOptions& options) {
@@ -119,7 +136,8 @@ TEST(UserHead, IsTheDevicesWithOurFraming) {
             head_of("Server: x\r\nSet-Cookie: a=1\r\nset-cookie: b=2\r\nConnection: close\r\n",
                     "HTTP/1.0 203 Quite Right"),
             {{BodyKind::counted, 7}, true, true}),
-        "HTTP/1.1 203 Quite Right\r\nServer: x\r\nSet-Cookie: a=1\r\nset-cookie: b=2\r\n"
+        "HTTP/1.1 203 Quite Right\r\nServer: x\r\nSet-Cookie: a=1; Secure\r\nset-cookie: b=2; "
+        "Secure\r\n"
         "Content-Length: 7\r\nConnection: keep-alive\r\n\r\n");
 }
 
@@ -159,18 +177,26 @@ TEST(UserHead, KeepsCookiesToTheDevicesOwnName) {
     EXPECT_EQ(user_gets(head_of("Set-Cookie: a=1; Domain=relay.example; Path=/\r\n"
                                 "set-cookie: b=2; domain=.relay.example\r\n"),
                         {{BodyKind::none}, true, true}),
-              "HTTP/1.1 200 OK\r\nSet-Cookie: a=1; Path=/\r\nset-cookie: b=2\r\n"
+              "HTTP/1.1 200 OK\r\nSet-Cookie: a=1; Path=/; Secure\r\nset-cookie: b=2; Secure\r\n"
               "Connection: keep-alive\r\n\r\n");
 }
 
 TEST(Cookie, LosesItsDomainAndNothingElse) {
     for (const char* cookie : {"a=1", "a=1; Path=/; HttpOnly; Secure; SameSite=Lax; Max-Age=5",
                                "domain=1; Path=/", "a=domain; Path=/domain", "", "a"})
-        EXPECT_EQ(own_cookie(cookie), cookie);
+        EXPECT_EQ(own_cookie(cookie, false), cookie);
     for (const char* cookie : {"a=1; Domain=example", "a=1;Domain=example", "a=1; DOMAIN = example",
                                "a=1; domain", "a=1; Domain=x; domain=y", "a=1;\tDomain=x"})
-        EXPECT_EQ(own_cookie(cookie), "a=1") << cookie;
-    EXPECT_EQ(own_cookie("a=1; Domain=x; Path=/"), "a=1; Path=/");
+        EXPECT_EQ(own_cookie(cookie, false), "a=1") << cookie;
+    EXPECT_EQ(own_cookie("a=1; Domain=x; Path=/", false), "a=1; Path=/");
+}
+
+TEST(Cookie, OverTlsIsForTlsOnly) {
+    EXPECT_EQ(own_cookie("a=1", true), "a=1; Secure");
+    EXPECT_EQ(own_cookie("a=1; Path=/", true), "a=1; Path=/; Secure");
+    EXPECT_EQ(own_cookie("a=Secure", true), "a=Secure; Secure");
+    for (const char* cookie : {"a=1; Secure", "a=1;secure; Path=/"})
+        EXPECT_EQ(own_cookie(cookie, true), cookie);
 }
 
 TEST(UserHead, WithoutAReasonPhraseGetsTheUsualOne) {

@@ -169,7 +169,9 @@ TEST(Head, ThatTunnelsIsRefused) {
     EXPECT_EQ(refused_with(request("Host: a\r\nConnection: Upgrade\r\nUpgrade: websocket\r\n",
                                    "GET / HTTP/1.1")),
               501u);
-    EXPECT_EQ(refused_with(request("Host: a\r\nUpgrade: h2c\r\n", "GET / HTTP/1.1")), 501u);
+    EXPECT_EQ(refused_with(request("Host: a\r\nUpgrade: h2c, WebSocket\r\n", "GET / HTTP/1.1")),
+              501u);
+    EXPECT_EQ(refused_with(request("Host: a\r\nUpgrade: h2c\r\n", "GET / HTTP/1.1")), 0u);
 }
 
 TEST(Head, ThatIsNoHttpIsRefused) {
@@ -330,6 +332,58 @@ TEST(DeviceHead, BelievesNobodyAboutWhereARequestComesFrom) {
     EXPECT_THAT(head, Not(HasSubstr("evil")));
     EXPECT_THAT(head, Not(HasSubstr("X-Forwarded-Port")));
     EXPECT_THAT(head, HasSubstr("X-Forwarded-For: 192.0.2.7\r\n"));
+}
+
+TEST(DeviceHead, BelievesNoNameThatProgramsReadAsOneOfTheRelays) {
+    const std::string head =
+        forwarded("GET / HTTP/1.1\r\nHost: a.localhost\r\nX_Forwarded_For: 10.0.0.1\r\n"
+                  "X-Forwarded_Proto: https\r\nx_real_ip: 10.0.0.1\r\nX_Other: seen\r\n\r\n");
+    EXPECT_THAT(head, Not(HasSubstr("10.0.0.1")));
+    EXPECT_THAT(head, Not(HasSubstr("https")));
+    EXPECT_THAT(head, HasSubstr("X_Other: seen\r\n"));
+}
+
+TEST(DeviceHead, NamesTheDevicesPagesByItsOwnAddress) {
+    EXPECT_THAT(forwarded("POST / HTTP/1.1\r\nHost: a.localhost:80\r\n"
+                          "Origin: https://A.localhost:80\r\n"
+                          "Referer: http://a.localhost:80/form?x#y\r\n\r\n"),
+                HasSubstr("\r\nOrigin: http://127.0.0.1\r\n"
+                          "Referer: http://127.0.0.1/form?x#y\r\n"));
+}
+
+TEST(DeviceHead, NamesOtherPagesAsTheUserDid) {
+    for (const char* line :
+         {"Origin: http://b.localhost:80", "Origin: http://a.localhost", "Origin: null",
+          "Referer: http://x@a.localhost:80/", "Referer: about:blank", "X: http://a.localhost:80/"})
+        EXPECT_THAT(forwarded("GET / HTTP/1.1\r\nHost: a.localhost:80\r\n"s + line + "\r\n\r\n"),
+                    HasSubstr(line + "\r\n"s));
+}
+
+// --- pages of other devices -----------------------------------------------------------------
+
+unsigned verdict_on(const std::string& method, const std::string& lines) {
+    const Parsed parsed(method + " / HTTP/1.1\r\nHost: a.localhost\r\n" + lines + "\r\n");
+    return check_origin(parsed.head(), *route_of(parsed.head(), "localhost"))
+        .value_or(PageReason{})
+        .status;
+}
+
+TEST(Origin, OfAnotherDeviceMayChangeNothing) {
+    const std::string other = "Sec-Fetch-Site: same-site\r\nOrigin: http://b.localhost\r\n";
+    for (const char* method : {"POST", "PUT", "DELETE", "PATCH", "MKCALENDAR"})
+        EXPECT_EQ(verdict_on(method, other), 403u) << method;
+    for (const char* method : {"GET", "HEAD", "OPTIONS"})
+        EXPECT_EQ(verdict_on(method, other), 0u) << method;
+    EXPECT_EQ(verdict_on("POST", "Sec-Fetch-Site: same-site\r\nOrigin: null\r\n"), 403u);
+}
+
+TEST(Origin, OfTheDeviceItselfMayDoEverything) {
+    EXPECT_EQ(verdict_on("POST", "Sec-Fetch-Site: same-site\r\nOrigin: https://A.localhost\r\n"),
+              0u);
+    EXPECT_EQ(verdict_on("POST", "Sec-Fetch-Site: same-origin\r\nOrigin: http://b.localhost\r\n"),
+              0u);
+    EXPECT_EQ(verdict_on("POST", "Origin: http://b.localhost\r\n"), 0u); // an older browser
+    EXPECT_EQ(verdict_on("POST", ""), 0u);
 }
 
 TEST(DeviceHead, OfTheAbsoluteFormIsInOriginForm) {
