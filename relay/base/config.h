@@ -26,7 +26,7 @@ struct DeviceOptions {
     std::size_t max_handshakes = 256; // TLS and hello under way
     std::chrono::seconds hello{10};   // from accepted to hello
     std::chrono::seconds silence{160};
-    std::chrono::seconds answer{15}; // for one request, from its arrival at the relay
+    std::chrono::seconds answer{60}; // from when the device has the request; and for it to be sent
     std::size_t max_answer_bytes = 128 << 20;
     std::size_t requests_out = 4;
     std::size_t requests_open = 256; // out and waiting

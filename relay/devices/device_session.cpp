@@ -5,7 +5,10 @@
 
 #include <boost/asio/write.hpp>
 
+#include <algorithm>
 #include <cstring>
+
+#include <netinet/tcp.h>
 
 namespace relay {
 namespace {
@@ -17,6 +20,11 @@ constexpr std::size_t max_web_token_bytes = 64 << 10;
 
 // A device that takes none of our bytes for that long has gone, or hangs.
 constexpr std::chrono::seconds write_patience{30};
+// A device that gives no byte of an answer for that long has broken it off.
+constexpr std::chrono::seconds longest_answer_pause{30};
+// Bytes that the system keeps unsent: what it took counts as with the device, and a reply waits
+// behind it.
+constexpr int unsent_bytes = 64 << 10;
 // For a refused device to read the reply and hang up first; a reset would take the reply from it.
 constexpr std::chrono::seconds farewell{2};
 // Replies to heartbeats that a device may leave unread.
@@ -34,17 +42,19 @@ std::string hello_reply(int code) {
 DeviceSession::DeviceSession(DeviceServices& services, Socket socket, TlsContext tls)
     : services_(services), socket_(std::move(socket)), tls_(std::move(tls)),
       stream_(socket_, *tls_), input_(std::make_unique_for_overwrite<char[]>(input_bytes)),
-      reading_(services.deadlines,
-               [this] {
-                   if (admitted_)
-                       return close("it was silent for too long");
-                   refuse(refusal_, refused_why_);
-               }),
+      output_(services.budget), reading_(services.deadlines,
+                                         [this] {
+                                             if (admitted_)
+                                                 return close("it was silent for too long");
+                                             refuse(refusal_, refused_why_);
+                                         }),
       writing_(services.deadlines, [this] { close("it takes no bytes"); }),
-      unsent_(services.budget) {
+      answer_pause_(services.deadlines, [this] { break_off_answer(); }) {
     error_code ignored;
     address_ = to_text(socket_.remote_endpoint(ignored));
     socket_.set_option(Tcp::no_delay(true), ignored);
+    setsockopt(socket_.native_handle(), IPPROTO_TCP, TCP_NOTSENT_LOWAT, &unsent_bytes,
+               sizeof unsent_bytes);
     reading_.set(services_.options.hello);
 }
 
@@ -130,7 +140,7 @@ Awaitable<bool> DeviceSession::say_hello() {
         co_return co_await turn_away(Refusal::not_admitted, not_admitted_code,
                                      "device " + hello_.device_id + " is not admitted: " + why);
     reading_.set(services_.options.silence);
-    send(hello_reply(admitted_code));
+    reply(hello_reply(admitted_code));
     co_return true;
 }
 
@@ -188,9 +198,13 @@ Awaitable<bool> DeviceSession::handle(const PacketHeader& header) {
 }
 
 // The slot is free as soon as its answer begins: the device has done with the request, and the
-// next one travels while the answer comes.
-Awaitable<bool> DeviceSession::receive_answer(const PacketHeader& header) {
+// next one travels while the answer comes. False for an answer of another type than was asked for.
+bool DeviceSession::begin_answer(const PacketHeader& header) {
     if (const auto slot = out_.find(header.id); slot != out_.end()) {
+        if (header.type != static_cast<std::uint16_t>(slot->second.exchange->answer_type())) {
+            close(log::join("it answered a request with a packet of type ", header.type));
+            return false;
+        }
         answering_ = std::move(slot->second.exchange);
         out_.erase(slot);
     }
@@ -201,11 +215,19 @@ Awaitable<bool> DeviceSession::receive_answer(const PacketHeader& header) {
         answering_->begin(header.length);
     else
         ++services_.metrics.late_answers;
+    return true;
+}
 
+// Takes in an answer, and drops what nobody wants. False when the connection is no more.
+Awaitable<bool> DeviceSession::receive_answer(const PacketHeader& header) {
+    if (!begin_answer(header))
+        co_return false;
     auto hold = std::chrono::duration_cast<Clock::duration>(services_.hold);
     std::size_t left = header.length;
     while (left > 0) {
+        answer_pause_.set(longest_answer_pause);
         const bool filled = co_await fill_if_empty();
+        answer_pause_.clear();
         if (!filled)
             break;
         const auto bytes = consume(left);
@@ -214,7 +236,7 @@ Awaitable<bool> DeviceSession::receive_answer(const PacketHeader& header) {
             continue;
         const bool taken = co_await give(*answering_, bytes, hold);
         if (!taken)
-            answering_ = nullptr; // the rest is dropped
+            answering_ = nullptr;
     }
     const bool is_whole = left == 0;
     if (answering_ && is_whole)
@@ -223,6 +245,14 @@ Awaitable<bool> DeviceSession::receive_answer(const PacketHeader& header) {
         answering_->fail(Exchange::State::gone);
     answering_ = nullptr;
     co_return is_whole && !closed_;
+}
+
+void DeviceSession::break_off_answer() {
+    if (!answering_)
+        return;
+    note_error("it broke off an answer");
+    answering_->fail(Exchange::State::gone);
+    answering_ = nullptr;
 }
 
 // False when the user was too slow for too long.
@@ -296,42 +326,43 @@ std::span<const char> DeviceSession::consume(std::size_t at_most) {
 void DeviceSession::heartbeat(std::uint16_t id) {
     figures_.last_heartbeat = std::chrono::system_clock::now();
     ++services_.metrics.heartbeats;
-    if (output_.size() > services_.options.requests_out + max_unread_replies)
+    if (output_.replies() > max_unread_replies)
         close("it sends heartbeats and does not read the replies");
     else
-        send(make_packet(PacketType::heartbeat, id, {}));
+        reply(make_packet(PacketType::heartbeat, id, {}));
 }
 
-void DeviceSession::send(std::string packet) {
+void DeviceSession::reply(std::string packet) {
     if (closed_)
         return;
-    figures_.bytes_out += packet.size();
-    services_.metrics.bytes_to_devices += packet.size();
-    unsent_.resize(unsent_.bytes() + packet.size());
-    output_.push_back(std::move(packet));
-    if (output_.size() == 1)
+    const std::size_t size = packet.size();
+    output_.add_reply(std::move(packet));
+    start_writing(size);
+}
+
+void DeviceSession::start_writing(std::size_t added) {
+    figures_.bytes_out += added;
+    services_.metrics.bytes_to_devices += added;
+    if (!is_writing_)
         write_next();
 }
 
 void DeviceSession::write_next() {
+    is_writing_ = true;
     writing_.set(write_patience);
-    const auto rest = asio::buffer(output_.front()) + written_;
-    stream_.async_write_some(
-        asio::buffer(rest, write_bytes),
-        [this, self = shared_from_this()](error_code error, std::size_t count) {
-            if (error)
-                return close(error.message());
-            written_ += count;
-            if (written_ == output_.front().size()) {
-                unsent_.resize(unsent_.bytes() - written_);
-                output_.pop_front();
-                written_ = 0;
-            }
-            if (closed_ || output_.empty())
-                writing_.clear();
-            else
-                write_next();
-        });
+    const auto bytes = output_.next().substr(0, write_bytes);
+    stream_.async_write_some(asio::buffer(bytes), [this, self = shared_from_this()](
+                                                      error_code error, std::size_t count) {
+        is_writing_ = false;
+        if (error)
+            return close(error.message());
+        if (const auto id = output_.written(count))
+            is_sent(*id);
+        if (closed_ || output_.is_empty())
+            writing_.clear();
+        else
+            write_next();
+    });
 }
 
 bool DeviceSession::submit(std::shared_ptr<Exchange> exchange) {
@@ -342,7 +373,7 @@ bool DeviceSession::submit(std::shared_ptr<Exchange> exchange) {
     if (open_exchanges() >= services_.options.requests_open)
         return false;
     ++figures_.requests;
-    if (waiting_.empty() && out_.size() < services_.options.requests_out)
+    if (may_go_out(*exchange)) // nothing that waits may, or it would have been sent
         send_out(std::move(exchange));
     else
         waiting_.push_back(std::move(exchange));
@@ -353,11 +384,24 @@ std::deque<std::shared_ptr<Exchange>> DeviceSession::take_waiting() {
     return std::exchange(waiting_, {});
 }
 
+// One large body at a time: the next would hold up all that follows it, for as long as the device
+// takes to receive both.
+bool DeviceSession::may_go_out(const Exchange& exchange) const {
+    const auto is_large = [](const auto& each) { return each.second.is_large; };
+    return out_.size() < services_.options.requests_out &&
+           !(exchange.is_large() && std::any_of(out_.begin(), out_.end(), is_large));
+}
+
 // Sends what waits, as far as the device may have more.
 void DeviceSession::pump() {
-    while (!waiting_.empty() && out_.size() < services_.options.requests_out) {
-        auto exchange = std::move(waiting_.front());
-        waiting_.pop_front();
+    auto next = waiting_.begin();
+    while (next != waiting_.end() && out_.size() < services_.options.requests_out) {
+        if ((*next)->is_open() && !may_go_out(**next)) {
+            ++next;
+            continue;
+        }
+        auto exchange = std::move(*next);
+        next = waiting_.erase(next);
         if (!exchange->is_open())
             continue;
         if (!exchange->user_is_there || exchange->user_is_there())
@@ -370,10 +414,19 @@ void DeviceSession::pump() {
 void DeviceSession::send_out(std::shared_ptr<Exchange> exchange) {
     const auto id = free_id();
     auto deadline = std::make_unique<Deadline>(services_.deadlines, [this, id] { expire(id); });
-    deadline->set(services_.options.answer);
+    const bool is_large = exchange->is_large();
     auto packet = exchange->send_as(id);
-    out_.emplace(id, Slot{std::move(exchange), std::move(deadline)});
-    send(std::move(packet));
+    const std::size_t size = packet.size();
+    out_.emplace(id, Slot{std::move(exchange), std::move(deadline), is_large});
+    output_.add_request(std::move(packet), id);
+    start_writing(size);
+}
+
+// The time to answer begins when the device has the request: a slow line is no fault of the device,
+// which would go on executing a request that its user was told had failed.
+void DeviceSession::is_sent(std::uint16_t id) {
+    if (const auto slot = out_.find(id); slot != out_.end())
+        slot->second.deadline->set(services_.options.answer);
 }
 
 // 1 to 65535, in turn: what is given up is long forgotten when its turn comes again.

@@ -2,7 +2,8 @@
 //
 // TLS, hello, then packets in both directions until either side goes. Requests of users are handed
 // in with submit(); a few are out at once, since the device answers one at a time, and the rest
-// wait in order. Lives as long as its coroutine runs or its owner, the listener's set, keeps it.
+// wait in order, except that one large body is out at a time and smaller requests pass the next
+// one. Lives as long as its coroutine runs or its owner, the listener's set, keeps it.
 #pragma once
 
 #include "base/deadlines.h"
@@ -10,6 +11,7 @@
 #include "devices/device_services.h"
 #include "devices/exchange.h"
 #include "devices/hello.h"
+#include "devices/outgoing.h"
 
 #include <deque>
 #include <functional>
@@ -54,17 +56,20 @@ public:
     void note_error(std::string_view what) { figures_.last_error = what; }
 
 private:
-    // A request that the device has, with the time until which its ID is not used again.
+    // A request that was sent, or is being sent. Its deadline runs once the device has all of it.
     struct Slot {
         std::shared_ptr<Exchange> exchange;
         std::unique_ptr<Deadline> deadline;
+        bool is_large;
     };
 
     Awaitable<bool> establish();
     Awaitable<bool> say_hello();
     Awaitable<void> serve();
     Awaitable<bool> handle(const PacketHeader& header);
+    bool begin_answer(const PacketHeader& header);
     Awaitable<bool> receive_answer(const PacketHeader& header);
+    void break_off_answer();
     Awaitable<bool> give(Exchange& exchange, std::span<const char> bytes, Clock::duration& hold);
     Awaitable<bool> fill();
     Awaitable<bool> fill_if_empty();
@@ -73,10 +78,13 @@ private:
 
     std::span<const char> consume(std::size_t at_most);
     void heartbeat(std::uint16_t id);
-    void send(std::string packet);
+    void reply(std::string packet);
+    void start_writing(std::size_t added);
     void write_next();
+    bool may_go_out(const Exchange& exchange) const;
     void pump();
     void send_out(std::shared_ptr<Exchange> exchange);
+    void is_sent(std::uint16_t id);
     std::uint16_t free_id();
     void expire(std::uint16_t id);
     void fail_all(Exchange::State state);
@@ -97,8 +105,8 @@ private:
     std::size_t input_begin_ = 0;
     std::size_t input_end_ = 0;
 
-    std::deque<std::string> output_; // the first one is being written
-    std::size_t written_ = 0;        // of it
+    Outgoing output_;
+    bool is_writing_ = false;
     std::deque<std::shared_ptr<Exchange>> waiting_;
     std::unordered_map<std::uint16_t, Slot> out_;
     std::uint16_t last_id_ = 0;
@@ -106,7 +114,7 @@ private:
 
     Deadline reading_; // hello, then silence
     Deadline writing_;
-    Reservation unsent_; // of output_
+    Deadline answer_pause_; // of answering_
 };
 
 } // namespace relay

@@ -6,16 +6,23 @@ namespace {
 // What an answer may hold when the relay's memory is spent: enough to keep it moving.
 constexpr std::size_t least_buffer_bytes = 64 << 10;
 
+PacketType answer_to(const std::string& packet) {
+    const auto header = decode_header(std::span(packet).first<PacketHeader::size>());
+    const auto type = static_cast<PacketType>(header.type);
+    return type == PacketType::web_token ? type : PacketType::answer;
+}
+
 } // namespace
 
 Exchange::Exchange(const Surroundings& surroundings, std::string packet,
-                   Clock::duration time_to_answer)
-    : packet_(std::move(packet)), buffer_bytes_(surroundings.buffer_bytes),
-      budget_(surroundings.budget), held_(surroundings.budget), taken_(surroundings.budget),
-      to_user_(surroundings.executor), to_session_(surroundings.executor),
+                   Clock::duration time_to_wait)
+    : packet_(std::move(packet)), answer_type_(answer_to(packet_)),
+      buffer_bytes_(surroundings.buffer_bytes), budget_(surroundings.budget),
+      held_(surroundings.budget), taken_(surroundings.budget), to_user_(surroundings.executor),
+      to_session_(surroundings.executor),
       deadline_(surroundings.deadlines, [this] { fail(State::timed_out); }) {
     held_.resize(packet_.size());
-    deadline_.set(time_to_answer);
+    deadline_.set(time_to_wait);
 }
 
 Awaitable<Exchange::State> Exchange::answered() {
@@ -48,6 +55,7 @@ void Exchange::abandon() {
 std::string Exchange::send_as(std::uint16_t id) {
     set_packet_id(packet_, id);
     held_.resize(0);
+    deadline_.clear(); // the session's begins when the device has all of it
     state_ = State::out;
     return std::move(packet_);
 }

@@ -22,7 +22,7 @@ class Exchange {
 public:
     enum class State {
         waiting,   // for the device to have fewer requests out
-        out,       // sent
+        out,       // sent, or being sent
         answering, // the answer's size is known, its bytes are coming
         complete,  // all its bytes are in the buffer or taken
         timed_out, // nobody answered in time
@@ -36,8 +36,12 @@ public:
         std::size_t buffer_bytes; // of answer
     };
 
-    // `packet` is whole but for its ID, which the session fills in.
-    Exchange(const Surroundings& surroundings, std::string packet, Clock::duration time_to_answer);
+    // A request larger than this is one that others wait for.
+    static constexpr std::size_t large_bytes = 64 << 10;
+
+    // `packet` is whole but for its ID, which the session fills in. It is given up when it has not
+    // been sent for `time_to_wait`.
+    Exchange(const Surroundings& surroundings, std::string packet, Clock::duration time_to_wait);
 
     State state() const { return state_; }
     bool is_open() const { return state_ == State::waiting || state_ == State::out; }
@@ -58,7 +62,9 @@ public:
 
     // The session's side.
 
-    std::string send_as(std::uint16_t id); // the packet
+    PacketType answer_type() const { return answer_type_; }        // what it may be answered with
+    bool is_large() const { return packet_.size() > large_bytes; } // until sent
+    std::string send_as(std::uint16_t id);                         // the packet
     void begin(std::size_t answer_size);
     void give(std::span<const char> bytes);
     bool is_full() const;
@@ -72,6 +78,7 @@ private:
 
     State state_ = State::waiting;
     std::string packet_;
+    const PacketType answer_type_;
     std::size_t answer_size_ = 0;
     std::vector<char> buffer_;
     std::size_t buffer_bytes_;

@@ -239,11 +239,16 @@ class Session:
             count -= len(pieces[-1])
         return b"".join(pieces)
 
-    def read_packet(self, within=PATIENCE_S):
-        """The next packet."""
+    def read_header(self, within=PATIENCE_S):
+        """What opens the next packet: type, ID, reserve, and how many bytes of body follow."""
         magic, kind, number, reserve, size = struct.unpack(
             ">HHHHI", self.read_exactly(HEADER_SIZE, within))
         assert magic == MAGIC, f"a packet opens with {magic:#06x}"
+        return kind, number, reserve, size
+
+    def read_packet(self, within=PATIENCE_S):
+        """The next packet."""
+        kind, number, reserve, size = self.read_header(within)
         return Packet(kind, number, self.read_exactly(size, within), reserve)
 
     def expect_silence(self, seconds):

@@ -138,6 +138,40 @@ def test_an_answer_that_nobody_asked_for_is_ignored(relay, device, user, kind):
     assert relay.metric("relay_late_answers_total") == 1
 
 
+@pytest.mark.parametrize("status", [2, 99, 600, 999])
+def test_a_status_outside_of_http_is_502(device, user, status):
+    user.ask()
+    device.answer(device.expect_request(), http_answer(status=f"{status:03} Odd"))
+    user.expect(502)
+
+
+def test_an_answer_of_another_type_ends_the_session(relay, device, user):
+    user.ask()
+    request = device.expect_request()
+    device.send_packet(WEB_TOKEN, request.id, b"{}")
+    user.expect(502)
+    device.expect_closed()
+    relay.log.wait_for("is gone: it answered a request with a packet of type 5")
+
+
+@pytest.mark.lasts(33)
+def test_an_answer_without_a_byte_for_30_s_ends_and_the_session_goes_on(relay, device, user):
+    user.ask()
+    request = device.expect_request()
+    answer = http_answer(b"x" * 1000)
+    device.send(header(RELAY_RESPONSE, request.id, len(answer)) + answer[:200])
+    assert user.read_head().status == 200
+    started = time.monotonic()
+    user.socket.settimeout(60 * slowness())
+    assert len(user.read_rest()) < 1000
+    assert 25 < time.monotonic() - started < 40 * slowness()
+    wait_until(lambda: [line.get("note") for line in relay.accesses()] == ["cut_off"],
+               "it is logged")
+    device.send(answer[200:])
+    device.beat()
+    assert relay.devices()[DEVICE_ID]["last_error"] == "it broke off an answer"
+
+
 def test_an_answer_counts_once(relay, device, user):
     user.ask()
     request = device.expect_request()
@@ -204,7 +238,7 @@ def test_what_waits_moves_over_and_what_was_out_gets_502(relay, device, connect,
         each.ask(f"/waits-{number}")
         wait_until(lambda: relay.devices()[DEVICE_ID]["open"] == 2 + number, "it waits")
     second = connect().join()
-    assert b"connection ended before it answered" in user.expect(502).body
+    assert b"cut off before it had answered" in user.expect(502).body
     for number, each in enumerate(waiting):
         request = second.expect_request()
         assert request.line == f"GET /waits-{number} HTTP/1.1"
@@ -218,6 +252,43 @@ def test_a_device_can_come_back_again_and_again(relay, user):
             device.join()
             serves(device, user)
     assert relay.metric("relay_sessions_total") == 20
+
+
+# --- what a slow line holds up ---
+
+def test_heartbeats_are_answered_before_requests_that_wait(relay, connect, open_user):
+    device = connect("slow", receive_buffer=4096).join()
+    first, second = open_user("slow"), open_user("slow")
+    first.ask("/upload", "POST", body=b"x" * 4_000_000)
+    wait_until(lambda: relay.devices()["slow"]["open"] == 1, "the upload is on its way")
+    second.ask("/next")
+    wait_until(lambda: relay.devices()["slow"]["open"] == 2, "the next one is there")
+    device.send(Packet(HEARTBEAT, 77).encode())
+    wait_until(lambda: relay.metric("relay_heartbeats_total") == 1, "the relay has the heartbeat")
+    upload = device.expect_request()
+    assert device.read_packet() == Packet(HEARTBEAT, 77)
+    request = device.expect_request()
+    assert (upload.line, request.line) == ("POST /upload HTTP/1.1", "GET /next HTTP/1.1")
+    for each, user in ((upload, first), (request, second)):
+        device.answer(each)
+        user.expect(200)
+
+
+def test_one_large_body_is_out_at_a_time_and_small_requests_pass_the_next(relay, device, open_user):
+    users = [open_user() for _ in range(3)]
+    for number, (each, size) in enumerate(zip(users, (100_000, 100_000, 100))):
+        each.ask(f"/{number}", "POST", body=b"x" * size)
+        wait_until(lambda: relay.devices()[DEVICE_ID]["open"] == number + 1, "it is there")
+    first, third = device.expect_request(), device.expect_request()
+    assert (first.line, third.line) == ("POST /0 HTTP/1.1", "POST /2 HTTP/1.1")
+    device.beat()  # no further request came before this reply
+    device.answer(first)
+    second = device.expect_request()
+    assert second.line == "POST /1 HTTP/1.1"
+    for request in (second, third):
+        device.answer(request)
+    for each in users:
+        each.expect(200)
 
 
 # --- requests on the wire ---
@@ -324,7 +395,7 @@ def test_no_answer_in_time_is_504_and_the_late_one_is_dropped(relay, device, use
     started = time.monotonic()
     user.ask("/slow")
     late = device.expect_request()
-    assert b"did not answer in time" in user.expect(504).body
+    assert b"device is slow" in user.expect(504).body
     assert 0.7 < time.monotonic() - started < 3 * slowness()
     device.answer(late, http_answer(b"late"))
     serves(device, user)
@@ -345,9 +416,26 @@ def test_who_waits_too_long_gets_504_and_never_reaches_the_device(relay, device,
     first.expect(200)
     request = device.expect_request()
     third.expect(504)
-    device.answer(request)
-    second.expect(504)
+    device.answer(request)  # its time began when it was sent
+    second.expect(200)
     serves(device, first)
+
+
+@pytest.mark.lasts(4)
+@pytest.mark.relay(options={"devices": {"answer_s": 1}})
+def test_the_time_to_answer_begins_when_the_device_has_the_request(relay, connect, open_user):
+    device, user = connect("slow", receive_buffer=65536).join(), open_user("slow")
+    body = bytes(range(256)) * 40000
+    user.ask("/", "POST", body=body)
+    _, number, _, size = device.read_header()
+    raw = b""
+    for _ in range(12):  # 3 s, in which it takes a little at a time
+        raw += device.read_exactly(65536)
+        time.sleep(0.25)
+    raw += device.read_exactly(size - len(raw))
+    assert raw.endswith(body)
+    device.send_packet(RELAY_RESPONSE, number, http_answer())
+    user.expect(200)
 
 
 @pytest.mark.relay(options={"devices": {"answer_s": 1}})

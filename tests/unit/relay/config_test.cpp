@@ -71,7 +71,7 @@ TEST_F(ConfigFile, NeedsThreeFilesAndNothingElse) {
     EXPECT_EQ(config.admin.listen.port, 9090);
     EXPECT_EQ(config.devices.hello.count(), 10);
     EXPECT_EQ(config.devices.silence.count(), 160);
-    EXPECT_EQ(config.devices.answer.count(), 15);
+    EXPECT_EQ(config.devices.answer.count(), 60);
     EXPECT_EQ(config.devices.requests_out, 4u);
     EXPECT_EQ(config.front.base_domain, "localhost");
     EXPECT_EQ(config.front.certificate, "");

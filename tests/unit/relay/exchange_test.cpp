@@ -135,23 +135,20 @@ TEST_F(ExchangeTest, TimesOutWhileItWaits) {
     EXPECT_FALSE(one->is_open());
 }
 
-TEST_F(ExchangeTest, TimesOutWhileItIsOut) {
-    const auto one = exchange(0s);
-    User user;
-    one->send_as(1);
-    wait_for_answer(*one, user);
-    coroutines_.run_until([&] { return user.answered.has_value(); });
-    EXPECT_EQ(user.answered, State::timed_out);
-}
-
-TEST_F(ExchangeTest, DoesNotTimeOutOnceTheAnswerHasBegun) {
+TEST_F(ExchangeTest, LeavesTheTimeToTheSessionOnceItIsOut) {
     const auto one = exchange(0s);
     one->send_as(1);
-    one->begin(10);
     Deadline later(deadlines_, [] {});
     later.set(300ms);
     coroutines_.run_until([&] { return later.time() == Clock::time_point::max(); });
-    EXPECT_EQ(one->state(), State::answering);
+    EXPECT_EQ(one->state(), State::out);
+}
+
+TEST_F(ExchangeTest, MayBeAnsweredWithThePacketThatItsTypeAsksFor) {
+    EXPECT_EQ(exchange()->answer_type(), PacketType::answer);
+    const Exchange token({coroutines_.executor(), deadlines_, budget_, buffer_bytes},
+                         make_packet(PacketType::web_token, 0, "{}"), 1h);
+    EXPECT_EQ(token.answer_type(), PacketType::web_token);
 }
 
 TEST_F(ExchangeTest, ThatFailsMidwayGivesWhatCameAndEnds) {
