@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include <csignal>
+#include <malloc.h>
 #include <sys/resource.h>
 
 namespace {
@@ -67,6 +68,13 @@ void raise_descriptor_limit() {
     }
 }
 
+// Large bodies go back to the system when they are freed: left to itself, the C library keeps more
+// and more of them for the next ones, beyond what the relay counts.
+void give_large_blocks_back() {
+    mallopt(M_MMAP_THRESHOLD, 256 << 10);
+    mallopt(M_TRIM_THRESHOLD, 1 << 20);
+}
+
 // Throws what the library throws when the system gives no memory, or no descriptor.
 int run(int count, char** arguments) {
     Options options;
@@ -83,6 +91,7 @@ int run(int count, char** arguments) {
 
     std::signal(SIGPIPE, SIG_IGN); // of a log that nobody reads; sockets say it by error
     raise_descriptor_limit();
+    give_large_blocks_back();
     relay::Relay relay(std::move(*config));
     if (!relay.load(error))
         return fail(error);

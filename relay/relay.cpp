@@ -13,11 +13,11 @@ constexpr std::chrono::seconds farewell{2};
 } // namespace
 
 Relay::Relay(Config config)
-    : config_(std::move(config)),
-      deadlines_(context_.get_executor()), budget_{config_.memory_bytes},
+    : config_(std::move(config)), budget_{config_.memory_bytes},
+      deadlines_(context_.get_executor()),
       devices_(context_.get_executor(), config_, deadlines_, budget_, metrics_),
-      front_(
-          {context_.get_executor(), config_, deadlines_, budget_, metrics_, access_log_, devices_}),
+      front_({context_.get_executor(), config_, deadlines_, budget_, clients_, metrics_,
+              access_log_, devices_}),
       admin_({context_.get_executor(), config_, deadlines_, budget_, metrics_, devices_,
               front_port_, draining_}),
       signals_(context_, SIGTERM, SIGINT, SIGHUP), drained_(deadlines_, [this] { end(); }) {}

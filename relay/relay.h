@@ -31,9 +31,10 @@ private:
     void end();
 
     const Config config_;
+    MemoryBudget budget_; // as clients_: connections give back what they hold when the context goes
+    Clients clients_;
     asio::io_context context_{1};
     Deadlines deadlines_;
-    MemoryBudget budget_;
     Metrics metrics_;
     AccessLog access_log_;
     Devices devices_;

@@ -163,8 +163,11 @@ Awaitable<void> Admin::web_token(std::string device_id, Response& response) {
         co_return;
     }
     const auto exchange = std::make_shared<Exchange>(
-        Exchange::Surroundings{services_.executor, services_.deadlines, services_.budget,
-                               max_web_token_bytes},
+        Exchange::Surroundings{services_.executor,
+                               services_.deadlines,
+                               services_.budget,
+                               max_web_token_bytes,
+                               {nullptr, session->memory()}},
         make_packet(PacketType::web_token, 0, web_token_request), services_.config.devices.answer);
     if (!session->submit(exchange)) {
         refuse(response, http::status::service_unavailable,

@@ -42,12 +42,12 @@ std::string hello_reply(int code) {
 DeviceSession::DeviceSession(DeviceServices& services, Socket socket, TlsContext tls)
     : services_(services), socket_(std::move(socket)), tls_(std::move(tls)),
       stream_(socket_, *tls_), input_(std::make_unique_for_overwrite<char[]>(input_bytes)),
-      output_(services.budget), reading_(services.deadlines,
-                                         [this] {
-                                             if (admitted_)
-                                                 return close("it was silent for too long");
-                                             refuse(refusal_, refused_why_);
-                                         }),
+      reading_(services.deadlines,
+               [this] {
+                   if (admitted_)
+                       return close("it was silent for too long");
+                   refuse(refusal_, refused_why_);
+               }),
       writing_(services.deadlines, [this] { close("it takes no bytes"); }),
       answer_pause_(services.deadlines, [this] { break_off_answer(); }) {
     error_code ignored;
@@ -415,10 +415,10 @@ void DeviceSession::send_out(std::shared_ptr<Exchange> exchange) {
     const auto id = free_id();
     auto deadline = std::make_unique<Deadline>(services_.deadlines, [this, id] { expire(id); });
     const bool is_large = exchange->is_large();
-    auto packet = exchange->send_as(id);
+    auto [packet, held] = exchange->send_as(id);
     const std::size_t size = packet.size();
     out_.emplace(id, Slot{std::move(exchange), std::move(deadline), is_large});
-    output_.add_request(std::move(packet), id);
+    output_.add_request(std::move(packet), id, std::move(held));
     start_writing(size);
 }
 

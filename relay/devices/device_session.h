@@ -43,6 +43,8 @@ public:
     // The same for one that never became a session; counts it.
     void refuse(Refusal cause, std::string_view why);
     bool is_closed() const { return closed_; }
+    // What the relay holds for this device's users.
+    std::shared_ptr<MemoryAccount> memory() const { return memory_; }
 
     // Hands in a request. False when the device has too many open.
     bool submit(std::shared_ptr<Exchange> exchange);
@@ -105,6 +107,7 @@ private:
     std::size_t input_begin_ = 0;
     std::size_t input_end_ = 0;
 
+    const std::shared_ptr<MemoryAccount> memory_ = std::make_shared<MemoryAccount>();
     Outgoing output_;
     bool is_writing_ = false;
     std::deque<std::shared_ptr<Exchange>> waiting_;

@@ -3,8 +3,8 @@
 namespace relay {
 namespace {
 
-// What an answer may hold when the relay's memory is spent: enough to keep it moving.
-constexpr std::size_t least_buffer_bytes = 64 << 10;
+// What comes at once, a TLS record: with it an answer moves even when its holders have their share.
+constexpr std::size_t record_bytes = 16 << 10;
 
 PacketType answer_to(const std::string& packet) {
     const auto header = decode_header(std::span(packet).first<PacketHeader::size>());
@@ -17,11 +17,13 @@ PacketType answer_to(const std::string& packet) {
 Exchange::Exchange(const Surroundings& surroundings, std::string packet,
                    Clock::duration time_to_wait)
     : packet_(std::move(packet)), answer_type_(answer_to(packet_)),
-      buffer_bytes_(surroundings.buffer_bytes), budget_(surroundings.budget),
-      held_(surroundings.budget), taken_(surroundings.budget), to_user_(surroundings.executor),
+      buffer_bytes_(surroundings.buffer_bytes),
+      packet_held_(surroundings.budget, surroundings.holders),
+      buffer_held_(surroundings.budget, surroundings.holders),
+      taken_held_(surroundings.budget, surroundings.holders), to_user_(surroundings.executor),
       to_session_(surroundings.executor),
       deadline_(surroundings.deadlines, [this] { fail(State::timed_out); }) {
-    held_.resize(packet_.size());
+    packet_held_.resize(packet_.size());
     deadline_.set(time_to_wait);
 }
 
@@ -36,28 +38,27 @@ Awaitable<bool> Exchange::take(std::vector<char>& bytes) {
         co_await to_user_.wait();
     bytes.clear();
     bytes.swap(buffer_);
-    held_.resize(0);
-    taken_.resize(bytes.size());
+    buffer_held_.resize(buffer_.capacity());
+    taken_held_.resize(bytes.capacity());
     to_session_.notify();
     co_return !bytes.empty();
 }
 
 void Exchange::abandon() {
     abandoned_ = true;
-    buffer_.clear();
-    held_.resize(0);
-    taken_.resize(0);
+    buffer_ = {};
+    buffer_held_.resize(0);
+    taken_held_.resize(0);
     to_session_.notify();
     if (is_open())
         settle(State::gone);
 }
 
-std::string Exchange::send_as(std::uint16_t id) {
+Exchange::Packet Exchange::send_as(std::uint16_t id) {
     set_packet_id(packet_, id);
-    held_.resize(0);
     deadline_.clear(); // the session's begins when the device has all of it
     state_ = State::out;
-    return std::move(packet_);
+    return {std::move(packet_), std::move(packet_held_)};
 }
 
 void Exchange::begin(std::size_t answer_size) {
@@ -69,13 +70,13 @@ void Exchange::give(std::span<const char> bytes) {
     if (abandoned_)
         return;
     buffer_.insert(buffer_.end(), bytes.begin(), bytes.end());
-    held_.resize(buffer_.size());
+    buffer_held_.resize(buffer_.capacity());
     to_user_.notify();
 }
 
 bool Exchange::is_full() const {
     return buffer_.size() >= buffer_bytes_ ||
-           (budget_.is_spent() && buffer_.size() >= least_buffer_bytes);
+           (!buffer_.empty() && !buffer_held_.may_grow(record_bytes));
 }
 
 Awaitable<bool> Exchange::room(Clock::time_point limit) {

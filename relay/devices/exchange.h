@@ -34,6 +34,12 @@ public:
         Deadlines& deadlines;
         MemoryBudget& budget;
         std::size_t buffer_bytes; // of answer
+        Holders holders;
+    };
+
+    struct Packet {
+        std::string bytes;
+        Reservation held;
     };
 
     // A request larger than this is one that others wait for.
@@ -64,7 +70,7 @@ public:
 
     PacketType answer_type() const { return answer_type_; }        // what it may be answered with
     bool is_large() const { return packet_.size() > large_bytes; } // until sent
-    std::string send_as(std::uint16_t id);                         // the packet
+    Packet send_as(std::uint16_t id);
     void begin(std::size_t answer_size);
     void give(std::span<const char> bytes);
     bool is_full() const;
@@ -83,9 +89,9 @@ private:
     std::vector<char> buffer_;
     std::size_t buffer_bytes_;
     bool abandoned_ = false;
-    MemoryBudget& budget_;
-    Reservation held_;  // of packet_, then of buffer_
-    Reservation taken_; // what take() gave last
+    Reservation packet_held_;
+    Reservation buffer_held_;
+    Reservation taken_held_; // of what take() gave last
     Signal to_user_;
     Signal to_session_;
     Deadline deadline_;

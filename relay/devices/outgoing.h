@@ -16,10 +16,9 @@ namespace relay {
 
 class Outgoing {
 public:
-    explicit Outgoing(MemoryBudget& budget) : held_(budget) {}
-
     void add_reply(std::string packet);
-    void add_request(std::string packet, std::uint16_t id);
+    // `held` is given back when the request has been written.
+    void add_request(std::string packet, std::uint16_t id, Reservation held);
 
     bool is_empty() const { return rest().empty() && replies_.empty() && requests_.empty(); }
     std::size_t replies() const { return replies_.size(); } // that have not begun
@@ -33,17 +32,17 @@ private:
     struct Request {
         std::string packet;
         std::uint16_t id;
+        Reservation held;
     };
 
-    std::string_view rest() const { return std::string_view(packet_).substr(written_); }
-    void hold(std::size_t bytes) { held_.resize(held_.bytes() + bytes); }
+    const std::string& current() const { return request_ ? request_->packet : reply_; }
+    std::string_view rest() const { return std::string_view(current()).substr(written_); }
 
     std::deque<std::string> replies_;
     std::deque<Request> requests_;
-    std::string packet_;              // being written
-    std::optional<std::uint16_t> id_; // of the request in it
-    std::size_t written_ = 0;         // of it
-    Reservation held_;
+    std::optional<Request> request_; // being written, or else:
+    std::string reply_;
+    std::size_t written_ = 0; // of that one
 };
 
 } // namespace relay

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "base/access_log.h"
+#include "base/clients.h"
 #include "base/config.h"
 #include "base/deadlines.h"
 #include "base/listen.h"
@@ -26,6 +27,7 @@ public:
         const Config& config;
         Deadlines& deadlines;
         MemoryBudget& budget;
+        Clients& clients;
         Metrics& metrics;
         AccessLog& access_log;
         Devices& devices;

@@ -23,6 +23,10 @@ std::string_view view(const std::vector<char>& bytes) {
     return {bytes.data(), bytes.size()};
 }
 
+PageReason no_memory() {
+    return {503, "The relay has no memory left for this request. Try again soon.", "memory"};
+}
+
 PageReason unusable(std::string text) {
     return {502, std::move(text), "unusable_answer"};
 }
@@ -33,7 +37,9 @@ UserConnection::UserConnection(Front& front, const Front::Services& services, So
                                TlsContext tls)
     : front_(front), services_(services), options_(services.config.front),
       stream_(std::move(socket), std::move(tls)),
-      deadline_(services.deadlines, [this] { stream_.close(); }), body_memory_(services.budget) {}
+      deadline_(services.deadlines, [this] { stream_.close(); }),
+      client_(services.clients.at(stream_.remote_address())),
+      body_memory_(services.budget, {memory(), nullptr}) {}
 
 Awaitable<void> UserConnection::run() {
     const auto self = shared_from_this();
@@ -142,9 +148,8 @@ std::optional<PageReason> UserConnection::route(Turn& turn) {
                           "unknown_device"};
     if (auto refusal = check_origin(turn.parser.get(), *turn.route))
         return refusal;
-    if (services_.budget.is_spent())
-        return PageReason{503, "The relay has no memory left for this request. Try again soon.",
-                          "memory"};
+    if (!body_memory_.may_grow(turn.parser.content_length().value_or(read_bytes)))
+        return no_memory();
     return std::nullopt;
 }
 
@@ -166,15 +171,14 @@ Awaitable<bool> UserConnection::read_body(Turn& turn) {
         std::size_t taken = 0;
         const auto reason = take_body(turn.parser, input_, options_.max_header_bytes, taken);
         turn.body_bytes += taken;
-        body_memory_.resize(turn.parser.get().body().size());
+        if (!hold_body(turn.parser.get().body().capacity())) {
+            turn.page = no_memory();
+            co_return true;
+        }
         if (turn.parser.is_done())
             break;
         if (reason) {
             turn.page = *reason;
-            co_return true;
-        }
-        if (services_.budget.is_spent()) {
-            turn.page = {503, "The relay has no memory left for this request.", "memory"};
             co_return true;
         }
         // What surrounds chunks buys no time.
@@ -186,6 +190,18 @@ Awaitable<bool> UserConnection::read_body(Turn& turn) {
     unread_input_ = false;
     turn.keep_alive = turn.parser.keep_alive() && !front_.is_draining();
     co_return true;
+}
+
+// False when the share of the user's address is used up.
+bool UserConnection::hold_body(std::size_t bytes) {
+    if (bytes > body_memory_.bytes() && !body_memory_.may_grow(bytes - body_memory_.bytes()))
+        return false;
+    body_memory_.resize(bytes);
+    return true;
+}
+
+std::shared_ptr<MemoryAccount> UserConnection::memory() const {
+    return {client_, &client_->memory};
 }
 
 std::shared_ptr<Exchange> UserConnection::submit(Turn& turn) {
@@ -201,10 +217,13 @@ std::shared_ptr<Exchange> UserConnection::submit(Turn& turn) {
                     {options_.device_host, stream_.address(), stream_.is_tls() ? "https" : "http"},
                     request.body().size(), has_body);
     auto packet = make_packet(PacketType::request, 0, head, request.body());
-    auto exchange = std::make_shared<Exchange>(
-        Exchange::Surroundings{services_.executor, services_.deadlines, services_.budget,
-                               options_.answer_buffer_bytes},
-        std::move(packet), services_.config.devices.answer);
+    auto exchange =
+        std::make_shared<Exchange>(Exchange::Surroundings{services_.executor,
+                                                          services_.deadlines,
+                                                          services_.budget,
+                                                          options_.answer_buffer_bytes,
+                                                          {memory(), session->memory()}},
+                                   std::move(packet), services_.config.devices.answer);
     turn.parser.get().body() = {};
     body_memory_.resize(0);
     exchange->user_is_there = [user = weak_from_this()] {

@@ -54,6 +54,8 @@ private:
 
     bool parse_head(Turn& turn, std::size_t head_bytes);
     std::optional<PageReason> route(Turn& turn);
+    bool hold_body(std::size_t bytes);
+    std::shared_ptr<MemoryAccount> memory() const; // of the user's address
     std::shared_ptr<Exchange> submit(Turn& turn);
     void account(const Turn& turn);
 
@@ -62,6 +64,7 @@ private:
     const FrontOptions& options_;
     UserStream stream_;
     Deadline deadline_;
+    const std::shared_ptr<Client> client_;
     Reservation body_memory_;
     std::string input_; // read, not yet consumed
     bool idle_ = true;

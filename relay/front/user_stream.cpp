@@ -14,7 +14,8 @@ UserStream::UserStream(Socket socket, TlsContext tls)
     if (context_)
         tls_ = std::make_unique<TlsStream>(socket_, *context_);
     error_code ignored;
-    address_ = to_text(socket_.remote_endpoint(ignored).address());
+    remote_address_ = socket_.remote_endpoint(ignored).address();
+    address_ = to_text(remote_address_);
     socket_.set_option(Tcp::no_delay(true), ignored);
 }
 

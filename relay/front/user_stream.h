@@ -15,7 +15,8 @@ public:
     UserStream(Socket socket, TlsContext tls);
 
     bool is_tls() const { return tls_ != nullptr; }
-    const std::string& address() const { return address_; } // without port
+    const asio::ip::address& remote_address() const { return remote_address_; }
+    const std::string& address() const { return address_; } // the same as text
 
     Awaitable<bool> handshake();
     // 0: the user is gone.
@@ -34,6 +35,7 @@ private:
     Socket socket_;
     TlsContext context_; // kept: a reload replaces the front's
     std::unique_ptr<TlsStream> tls_;
+    asio::ip::address remote_address_;
     std::string address_;
 };
 

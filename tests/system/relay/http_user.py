@@ -31,13 +31,15 @@ class Response:
 class User:
     """Use it as a context manager, or call close()."""
 
-    def __init__(self, relay, device_id=DEVICE_ID, receive_buffer=None):
+    def __init__(self, relay, device_id=DEVICE_ID, receive_buffer=None, source="127.0.0.1"):
+        """`receive_buffer`: bytes the system keeps. `source`: the address he comes from."""
         self._relay = relay
         self.host = relay.host(device_id)
         self.socket = socket.socket()
         if receive_buffer:
             self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
         self.socket.settimeout(PATIENCE_S)
+        self.socket.bind((source, 0))
         self.socket.connect(("127.0.0.1", relay.front_port))
         self.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         if relay.front_is_tls:

@@ -1,5 +1,6 @@
 """Users who are slow, who go away, and who are many: bounded in memory and time."""
 
+import contextlib
 import resource
 import socket
 import subprocess
@@ -213,20 +214,34 @@ def test_503_while_the_memory_is_spent(relay, device, user, open_user):
 
 
 @pytest.mark.relay(options={"memory_bytes": MIB, "front": {"answer_buffer_bytes": 8 * MIB}})
-def test_what_one_holds_leaves_no_room_for_others_until_he_goes(relay, connect, device, user,
-                                                                open_user):
+def test_who_holds_his_share_gets_no_more_and_others_are_served(relay, connect, device, open_user):
     big = connect("big").join()
-    hoarder = open_user("big", receive_buffer=65536)
+    hoarder = open_user("big", receive_buffer=65536, source="127.0.0.9")
     hoarder.ask()
     big.serve(lambda request: http_answer(b"x" * 32 * MIB))
-    wait_until(lambda: relay.metric("relay_memory_used_bytes") >= MIB, "he holds it all")
-    user.ask()
-    assert b"no memory left" in user.expect(503).body
+    wait_until(lambda: relay.metric("relay_memory_used_bytes") >= MIB / 6, "he holds his share")
+    same = open_user(source="127.0.0.9")
+    same.ask("/", "POST", body=b"x" * 100_000)
+    assert b"no memory left" in same.expect(503).body
+    other = open_user()
+    other.ask("/", "POST", body=b"x" * 100_000)
+    device.answer(device.expect_request())
+    other.expect(200)
     hoarder.close()
     wait_until(lambda: relay.metric("relay_memory_used_bytes") == 0, "it is given back")
-    user.ask()
-    device.answer(device.expect_request())
-    user.expect(200)
+
+
+@pytest.mark.lasts(2)
+@pytest.mark.relay(options={"memory_bytes": 4 * MIB})
+def test_uploads_that_never_end_keep_nobody_out(device, user, open_user):
+    uploads = [open_user(source=f"127.0.0.{2 + number % 6}") for number in range(18)]
+    for each in uploads:
+        each.send(each.head(method="POST", headers=["Content-Length: 600000"]) + b"x" * (4 * MIB // 18))
+    for _ in range(10):  # the relay takes the uploads in meanwhile
+        user.ask("/sign-in", "POST", body=b"x" * 40000)
+        device.answer(device.expect_request())
+        user.expect(200)
+        time.sleep(0.1)
 
 
 @pytest.mark.lasts(3)
@@ -236,9 +251,9 @@ def test_answers_nobody_reads_stay_within_the_memory(relay, open_user):
     """Many slow readers at once share one budget."""
     before = relay.process.resident_kib()
     devices = [Device(relay.device_port, f"device-{number}").join() for number in range(8)]
-    for device in devices:
+    for number, device in enumerate(devices):
         device.serve(lambda request: http_answer(b"x" * 16 * MIB))
-        open_user(device.id, receive_buffer=65536).ask()
+        open_user(device.id, receive_buffer=65536, source=f"127.0.0.{2 + number}").ask()
     wait_until(lambda: relay.metric("relay_memory_used_bytes") > MIB / 2, "it is made use of")
     most = 0
     deadline = time.monotonic() + 1
@@ -248,6 +263,39 @@ def test_answers_nobody_reads_stay_within_the_memory(relay, open_user):
     assert most < MIB + 2 * 8 * 2 * 65536
     for device in devices:
         device.abandon()
+
+
+@pytest.mark.lasts(12)
+@pytest.mark.relay(options={"memory_bytes": 64 * MIB})
+def test_60_users_who_upload_and_read_slowly_stay_within_the_memory(relay):
+    before = relay.process.resident_kib()
+    devices = [Device(relay.device_port, f"device-{number}").join() for number in range(6)]
+    for device in devices:
+        device.serve(lambda request: http_answer(b"x" * 8 * MIB))
+    over = threading.Event()
+
+    def use(number):
+        while not over.is_set():
+            with contextlib.suppress(OSError, AssertionError), \
+                    User(relay, f"device-{number % 6}", 65536, f"127.0.1.{number}") as user:
+                user.ask("/", "POST", body=b"x" * 8 * MIB)
+                user.read_head()
+                while user.socket.recv(65536) and not over.wait(0.1):
+                    pass
+
+    users = [threading.Thread(target=use, args=(number,)) for number in range(60)]
+    for user in users:
+        user.start()
+    try:
+        deadline = time.monotonic() + 8
+        while time.monotonic() < deadline:
+            no_more_than(relay, before, (64 * 3 // 2 + 40) * 1024)
+            time.sleep(0.05)
+    finally:
+        over.set()
+        relay.stop()
+        for user in users:
+            user.join()
 
 
 @pytest.mark.relay(options={"devices": {"requests_out": 1}})

@@ -22,7 +22,8 @@ protected:
 
     std::unique_ptr<Exchange> exchange(Clock::duration time = 1h) {
         return std::make_unique<Exchange>(
-            Exchange::Surroundings{coroutines_.executor(), deadlines_, budget_, buffer_bytes},
+            Exchange::Surroundings{
+                coroutines_.executor(), deadlines_, budget_, buffer_bytes, {user_, device_}},
             make_packet(PacketType::request, 0, "request"), time);
     }
 
@@ -59,7 +60,9 @@ protected:
 
     Coroutines coroutines_;
     Deadlines deadlines_{coroutines_.executor()};
-    MemoryBudget budget_{1 << 20};
+    MemoryBudget budget_{16 << 20};
+    const std::shared_ptr<MemoryAccount> user_ = std::make_shared<MemoryAccount>();
+    const std::shared_ptr<MemoryAccount> device_ = std::make_shared<MemoryAccount>();
 };
 
 TEST_F(ExchangeTest, GoesFromWaitingToComplete) {
@@ -96,7 +99,7 @@ TEST_F(ExchangeTest, GoesFromWaitingToComplete) {
 
 TEST_F(ExchangeTest, IsSentWithItsIdFilledIn) {
     const auto one = exchange();
-    EXPECT_EQ(one->send_as(0xBEEF), make_packet(PacketType::request, 0xBEEF, "request"));
+    EXPECT_EQ(one->send_as(0xBEEF).bytes, make_packet(PacketType::request, 0xBEEF, "request"));
 }
 
 TEST_F(ExchangeTest, OfAnAnswerThatCameBeforeAnybodyWaitedIsTakenWhole) {
@@ -146,7 +149,7 @@ TEST_F(ExchangeTest, LeavesTheTimeToTheSessionOnceItIsOut) {
 
 TEST_F(ExchangeTest, MayBeAnsweredWithThePacketThatItsTypeAsksFor) {
     EXPECT_EQ(exchange()->answer_type(), PacketType::answer);
-    const Exchange token({coroutines_.executor(), deadlines_, budget_, buffer_bytes},
+    const Exchange token({coroutines_.executor(), deadlines_, budget_, buffer_bytes, {}},
                          make_packet(PacketType::web_token, 0, "{}"), 1h);
     EXPECT_EQ(token.answer_type(), PacketType::web_token);
 }
@@ -185,18 +188,31 @@ TEST_F(ExchangeTest, BuffersUpToItsBound) {
     EXPECT_TRUE(one->is_full());
 }
 
-TEST_F(ExchangeTest, BuffersLessWhenTheMemoryOfAllIsSpent) {
+TEST_F(ExchangeTest, BuffersOneRecordAtATimeWhenTheMemoryOfAllIsSpent) {
     const auto one = exchange();
     one->send_as(1);
     one->begin(1 << 20);
     Reservation others(budget_);
-    others.resize(budget_.limit);
-    give(*one, std::string((64 << 10) - 1, 'x'));
-    EXPECT_FALSE(one->is_full()) << "a little keeps it moving";
-    give(*one, "x");
+    others.resize(2 * budget_.limit);
+    EXPECT_FALSE(one->is_full()) << "a record keeps it moving";
+    give(*one, std::string(16 << 10, 'x'));
     EXPECT_TRUE(one->is_full());
     others.resize(0);
     EXPECT_FALSE(one->is_full());
+}
+
+TEST_F(ExchangeTest, BuffersOneRecordAtATimeWhenTheShareOfAHolderIsUsedUp) {
+    for (const auto& holder : {user_, device_}) {
+        const auto one = exchange();
+        one->send_as(1);
+        one->begin(1 << 20);
+        Reservation other(budget_, {holder, nullptr});
+        other.resize(budget_.limit / 4);
+        give(*one, "x");
+        EXPECT_TRUE(one->is_full());
+        other.resize(0);
+        EXPECT_FALSE(one->is_full());
+    }
 }
 
 TEST_F(ExchangeTest, HasRoomAgainWhenTheUserTakes) {
@@ -261,29 +277,37 @@ TEST_F(ExchangeTest, AbandonedWhileOpenIsGone) {
     EXPECT_FALSE(out->is_open());
 }
 
-TEST_F(ExchangeTest, HoldsMemoryWhileItWaitsAndWhileItsAnswerDoes) {
+TEST_F(ExchangeTest, HoldsItsPacketUntilWhoeverSendsItLetsGo) {
+    const auto one = exchange();
+    const std::size_t size = PacketHeader::size + 7;
+    EXPECT_EQ(budget_.used, size);
     {
-        const auto one = exchange();
-        EXPECT_EQ(budget_.used, PacketHeader::size + 7);
-        one->send_as(1);
-        EXPECT_EQ(budget_.used, 0u) << "the packet is the session's now";
-        one->begin(100);
-        give(*one, std::string(40, 'x'));
-        give(*one, std::string(2, 'x'));
-        EXPECT_EQ(budget_.used, 42u);
-        std::vector<char> bytes;
-        const auto take = [&]() -> Awaitable<void> { co_await one->take(bytes); };
-        coroutines_.start(take);
-        EXPECT_EQ(bytes.size(), 42u);
-        EXPECT_EQ(budget_.used, 42u) << "the user is still sending it";
-        give(*one, std::string(58, 'x'));
-        EXPECT_EQ(budget_.used, 100u);
-        coroutines_.start(take);
-        EXPECT_EQ(bytes.size(), 58u);
-        EXPECT_EQ(budget_.used, 58u);
+        const auto packet = one->send_as(1);
+        EXPECT_EQ(packet.bytes.size(), size);
         one->abandon();
-        EXPECT_EQ(budget_.used, 0u);
+        EXPECT_EQ(budget_.used, size) << "it is still to be sent";
+        EXPECT_EQ(user_->used, size);
+        EXPECT_EQ(device_->used, size);
     }
+    EXPECT_EQ(budget_.used, 0u);
+    EXPECT_EQ(user_->used + device_->used, 0u);
+}
+
+TEST_F(ExchangeTest, HoldsWhatItsBuffersTakeUp) {
+    const auto one = exchange();
+    one->send_as(1);
+    one->begin(150);
+    give(*one, std::string(100, 'x'));
+    EXPECT_GE(budget_.used, 100u);
+    std::vector<char> bytes;
+    const auto take = [&]() -> Awaitable<void> { co_await one->take(bytes); };
+    coroutines_.start(take);
+    EXPECT_EQ(budget_.used, bytes.capacity()) << "the user is still sending it";
+    give(*one, std::string(50, 'x'));
+    EXPECT_GE(budget_.used, bytes.capacity() + 50);
+    coroutines_.start(take);
+    EXPECT_GE(budget_.used, 150u) << "the first buffer waits to be filled again";
+    one->abandon();
     EXPECT_EQ(budget_.used, 0u);
 }
 

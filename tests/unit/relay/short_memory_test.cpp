@@ -85,9 +85,10 @@ protected:
     }
 
     const Config config_ = loopback();
+    MemoryBudget budget_{config_.memory_bytes};
+    Clients clients_;
     Coroutines coroutines_;
     Deadlines deadlines_{coroutines_.executor()};
-    MemoryBudget budget_{config_.memory_bytes};
     Metrics metrics_;
     AccessLog access_log_;
     Devices devices_{coroutines_.executor(), config_, deadlines_, budget_, metrics_};
@@ -98,8 +99,8 @@ protected:
 };
 
 TEST_F(ShortMemory, EndsNoListenerForUsers) {
-    Front front(
-        {coroutines_.executor(), config_, deadlines_, budget_, metrics_, access_log_, devices_});
+    Front front({coroutines_.executor(), config_, deadlines_, budget_, clients_, metrics_,
+                 access_log_, devices_});
     ASSERT_TRUE(front.listen(error_)) << error_;
     fail_each(front.port(), "HTTP/1.1 404");
     EXPECT_TRUE(front.is_idle()) << "a connection that ended is still counted";

@@ -1,0 +1,33 @@
+// What each address that is connected has of the relay.
+#pragma once
+
+#include "base/address.h"
+#include "base/memory_budget.h"
+
+#include <array>
+#include <map>
+#include <memory>
+
+namespace relay {
+
+// Owned by the connections from one address.
+struct Client {
+    MemoryAccount memory;
+};
+
+// Owned by the relay, outlives the connections; used on its thread.
+class Clients {
+public:
+    // The one of that address. An IPv6 address counts as its network of 64 bits, which is what one
+    // customer of a provider has.
+    std::shared_ptr<Client> at(const asio::ip::address& address);
+    std::size_t count() const { return clients_.size(); }
+
+private:
+    using Key = std::array<unsigned char, 8>;
+    static Key key_of(const asio::ip::address& address);
+
+    std::map<Key, std::weak_ptr<Client>> clients_;
+};
+
+} // namespace relay
