@@ -42,8 +42,8 @@ size_t _next_step(size_t reserved) {
 void _ask_for_huge_pages(uint8_t* bytes, size_t size) {
     uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
     uintptr_t begin = reinterpret_cast<uintptr_t>(bytes) & ~(page - 1);
-    uintptr_t end = (reinterpret_cast<uintptr_t>(bytes) + size + page - 1) & ~(page - 1);
-    madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE); // refused: as before
+    size_t length = reinterpret_cast<uintptr_t>(bytes) + size - begin; // madvise() rounds it up
+    madvise(reinterpret_cast<void*>(begin), length, MADV_HUGEPAGE);    // refused: as before
 }
 
 bool _reserve(answer_block_t* block, size_t reserved) {

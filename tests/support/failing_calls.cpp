@@ -88,6 +88,8 @@ WRAPPED(int, getsockopt, (int fd, int level, int name, void* value, socklen_t* s
 WRAPPED(int, poll, (pollfd * polled, nfds_t count, int limit), (polled, count, limit), ENOMEM, -1)
 WRAPPED(int, getsockname, (int fd, sockaddr* address, socklen_t* size), (fd, address, size),
         ENOBUFS, -1)
+WRAPPED(ssize_t, recv, (int fd, void* bytes, size_t size, int flags), (fd, bytes, size, flags), EIO,
+        -1)
 WRAPPED(int, select, (int count, fd_set* in, fd_set* out, fd_set* other, timeval* limit),
         (count, in, out, other, limit), EINTR, -1)
 WRAPPED(int, usleep, (useconds_t pause), (pause), EINTR, -1)
@@ -132,6 +134,7 @@ static wrapped_call* const CALLS[] = {
     &call_of_getsockname,
     &call_of_getsockopt,
     &call_of_poll,
+    &call_of_recv,
     &call_of_select,
     &call_of_usleep,
     &call_of_clock_nanosleep,

@@ -212,6 +212,16 @@ TEST_F(HeartbeatTest, FiveTimeOutsEndTheSession) {
     EXPECT_TRUE(session.relay.is_closed_in_order());
 }
 
+TEST_F(HeartbeatTest, ARepeatIsDueAMillisecondAfterTheReplyTimeout) {
+    clock.stop();
+    turn();
+    turn_after_send(INTERVAL_MS);
+    turn_after_send(REPLY_TIMEOUT_MS);
+    EXPECT_THAT(said(), ElementsAre(timeout_message(1)));
+    turn_after_send(REPLY_TIMEOUT_MS + 1);
+    EXPECT_THAT(said(), ElementsAre(timeout_message(1), timeout_message(2)));
+}
+
 TEST_F(HeartbeatTest, AReplyInTimeClearsTheCount) {
     turn();
     turn_after_send(INTERVAL_MS);

@@ -438,6 +438,16 @@ TEST_F(IdleTest, TenMinutesWithoutSignOfLifeEndTheSession) {
     EXPECT_TRUE(relay.is_closed_in_order());
 }
 
+TEST_F(IdleTest, TenMinutesAreExact) {
+    clock.stop();
+    start();
+    clock.move(IDLE_LIMIT_MS);
+    settle();
+    EXPECT_EQ(cycle->closeByClient, 0);
+    clock.move(1);
+    expect_ended_as_if_by_client();
+}
+
 TEST_F(IdleTest, ARequestIsASignOfLife) {
     start();
     clock.move(IDLE_LIMIT_MS - 60000);

@@ -315,6 +315,23 @@ TEST_F(ConnectedSocket, AReadWithoutMemoryFails) {
     EXPECT_EQ(read.count(), 1);
 }
 
+TEST_F(ConnectedSocket, AReadThatASignalInterruptsGoesOn) {
+    relay.send("x");
+    fail_call interrupted("recv", 1, calls_of::this_thread, EINTR);
+    EXPECT_EQ(receive(1), "x");
+    EXPECT_TRUE(interrupted.happened());
+    EXPECT_THAT(log.lines(), ElementsAre());
+}
+
+TEST_F(ConnectedSocket, AReadThatTheSystemFailsIsNotRepeated) {
+    relay.send("x");
+    fail_call broken("recv");
+    char byte = 0;
+    EXPECT_EQ(cloud_socket_recv_buf(socket, &byte, 1, PATIENCE_MS), 0);
+    EXPECT_TRUE(broken.happened());
+    EXPECT_THAT(log.lines(), ElementsAre(error_line(RECV, "[CRC:] the socket read err, nread:-1")));
+}
+
 // A short count would leave a gap in the packet: the next read may have memory again.
 TEST_F(ConnectedSocket, AReadThatRunsOutOfMemoryGivesNothingOfWhatCameBefore) {
     relay.send("half"); // a record of its own
