@@ -14,11 +14,13 @@
 #include "support/tcp.h"
 #include "task/task_controller.h"
 
+using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Pair;
 using testing::SizeIs;
+using testing::StartsWith;
 
 namespace {
 
@@ -326,6 +328,17 @@ TEST_F(DbgTest, TogglesTheOutputBetweenConsoleAndNothing) {
     }
     EXPECT_THAT(log.text(), IsEmpty()) << "nothing went where output went before the first call";
     EXPECT_EQ(client->replies, 0);
+}
+
+// A pipe of one page that holds a line has room for the next, but poll() does not report it
+// writable. A line for an output that blocks waits for poll(); one for the console must not.
+TEST_F(DbgTest, WritesWithoutPollingOnceTheConsoleDoesNotBlock) {
+    start();
+    ASSERT_GT(fcntl(console, F_SETPIPE_SZ, 1), 0);
+    EXPECT_EQ(client->call("dbg"), 0);
+    client->reload("127.0.0.1", 0);
+    EXPECT_THAT(read_console(), AllOf(StartsWith("Enable debug!\n"),
+                                      HasSubstr("[CRC_SLP] Disconnect relay-server ok.")));
 }
 
 TEST_F(DbgTest, TakesStandardErrorAlong) {
