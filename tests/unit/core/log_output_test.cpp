@@ -42,6 +42,9 @@ using steady = std::chrono::steady_clock;
 
 constexpr milliseconds OUTPUT_PATIENCE{1000};
 constexpr int PIPE_SIZE = 16384;
+// A socket is writable again when three quarters have been read. That takes a slow reader on a busy
+// machine less than the log's patience of 1 s only when they are a few reads.
+constexpr int SOCKET_SIZE = 4096;
 constexpr size_t MORE_THAN_FITS = 1024 * 1024;
 const std::string RESET = "\033[0m\r\n";
 const std::string big(100000, 'x');
@@ -92,6 +95,7 @@ public:
             break;
         case output_kind::socket:
             EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+            setsockopt(ends[1], SOL_SOCKET, SO_SNDBUF, &SOCKET_SIZE, sizeof SOCKET_SIZE);
             break;
         case output_kind::stopped_terminal:
         case output_kind::unread_terminal:
