@@ -8,6 +8,7 @@ PYTEST_DONT_REWRITE: a conftest imports it before pytest takes it for a plugin.
 
 import os
 import random
+import signal
 
 import pytest
 
@@ -42,6 +43,9 @@ def _dice():
 
 
 def pytest_configure():
+    # A shell has what it runs in the background ignore SIGINT, and every program would inherit it.
+    if signal.getsignal(signal.SIGINT) is signal.SIG_IGN:
+        signal.signal(signal.SIGINT, signal.default_int_handler)
     # The workers of xdist inherit it: all must find the same order.
     os.environ.setdefault("CRC_SEED", str(random.randrange(1 << 32)))
 
