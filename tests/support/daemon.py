@@ -93,6 +93,7 @@ class Daemon:
     def __init__(self):
         self._folder = Path(tempfile.mkdtemp(prefix="daemon.", dir="/tmp"))
         self._process = None
+        self._counts_own_blocks = False
         self.log = None
 
     # --- life ---
@@ -111,6 +112,7 @@ class Daemon:
         else:
             ours, theirs = os.pipe()
         folder = Path(program(DAEMON)).parent
+        self._counts_own_blocks = bool(ADDED_ENVIRONMENT)
         with open(self._folder / "stderr", "ab") as errors:
             self._process = subprocess.Popen(
                 [*self._wrappers(uptime_s), *self._command()], stdin=subprocess.DEVNULL,
@@ -184,7 +186,7 @@ class Daemon:
             if build() == "valgrind":
                 self._check_with_valgrind()
             # A library that is preloaded to fail calls counts blocks by itself.
-            if build() == "address" and not ADDED_ENVIRONMENT:
+            if build() == "address" and not self._counts_own_blocks:
                 self._look_for_leaks()
         finally:
             self._end()
