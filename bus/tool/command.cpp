@@ -102,6 +102,10 @@ int run_uloop(ubus_context* ctx, uloop_timeout& timer, int timeout_ms) {
     }
     deadline_set(0);
     ubus_add_uloop(ctx);
+    if (!ctx->sock.registered) { // the kernel refused to watch one more descriptor
+        uloop_timeout_cancel(&timer);
+        return UBUS_STATUS_SYSTEM_ERROR;
+    }
     uloop_run();
     uloop_timeout_cancel(&timer);
     return ctx->sock.eof ? UBUS_STATUS_CONNECTION_FAILED : UBUS_STATUS_OK;

@@ -75,6 +75,13 @@ class BrokerStart(EndingProgram):
         return [served, f"ended with {status}", f"files {left}"]
 
 
+class HastyClient(ubus_wire.Client):
+    """Waits for any message _CALL_S at most."""
+
+    def receive_raw(self, timeout_s=_CALL_S):
+        return super().receive_raw(min(timeout_s, _CALL_S))
+
+
 class BrokerServe(Scenario):
     """Two clients: an object, a call, an event, and a client that goes."""
 
@@ -95,7 +102,11 @@ class BrokerServe(Scenario):
         return [line for line in self.broker.process.errors.lines if line]
 
     def excuse(self, hit, round_):
-        return "the broker keeps no log: clients see a status, or their connection end"
+        """The broker keeps no log: clients see a status, or their connection end."""
+        if (round_.outcome[-1] == "TimeoutError" and hit.name == "realloc" and
+                "request_send_status" in hit.functions()):
+            return None
+        return "clients see it"
 
     def play(self):
         outcome = []
@@ -112,8 +123,8 @@ class BrokerServe(Scenario):
 
     def _play(self, outcome):
         with contextlib.ExitStack() as clients:
-            owner = clients.enter_context(self.broker.client())
-            caller = clients.enter_context(self.broker.client())
+            owner = clients.enter_context(HastyClient(self.broker.socket))
+            caller = clients.enter_context(HastyClient(self.broker.socket))
             own = owner.add_object("torture", {"echo": {"text": 3}})
             outcome.append("added")
             found = caller.lookup("torture")[0]
@@ -168,6 +179,17 @@ class ToolListen(ToolCall):
 
     arguments = ("listen", "torture.*")
 
+    def state(self):
+        """Other than a clean end by signal, one by itself after an event leaves the buffer of
+        standard output."""
+        state = super().state()
+        if self._has_printed() and state.blocks:
+            state.blocks -= 1
+        return state
+
+    def _has_printed(self):
+        return "torture.now" in self.process.output.text
+
     def begin(self):
         super().begin()
         self.sender = self.broker.client()
@@ -181,10 +203,10 @@ class ToolListen(ToolCall):
 
         def has_printed():
             self.sender.send_event("torture.now", {"number": 7})
-            return tool.status is not None or "torture.now" in tool.output.text
+            return tool.status is not None or self._has_printed()
 
         self.wait_failing(has_printed, "the event is printed")
-        printed = "torture.now" in tool.output.text
+        printed = self._has_printed()
         status = tool.stop(signal.SIGTERM, ROUND_LIMIT_S)
         return [f"ended with {status}", f"printed {printed}"]
 
