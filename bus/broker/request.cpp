@@ -79,9 +79,11 @@ void request_answer(client& self, const message& request, int type, const blob_w
 
 void request_send_status(client& self, const message_header& request, int status) {
     blob_writer body;
-    if (body.ready && put_u32(body, attr_status, static_cast<uint32_t>(status))) {
-        client_send(self, {UBUS_MSG_STATUS, request.seq, request.peer}, body.buf.head);
+    if (!body.ready || !put_u32(body, attr_status, static_cast<uint32_t>(status))) {
+        client_doom(self); // a caller without a status would wait for its whole time-out
+        return;
     }
+    client_send(self, {UBUS_MSG_STATUS, request.seq, request.peer}, body.buf.head);
 }
 
 } // namespace bus
