@@ -163,7 +163,8 @@ uloop_timeout connection_timer = make_timer(retry_connection);
 // What a new connection does not bring along by itself.
 bool set_up_connection() {
     ubus_add_uloop(context);
-    return ubus_register_event_handler(context, &object_events, ADD_EVENT) == UBUS_STATUS_OK &&
+    return context->sock.registered &&
+           ubus_register_event_handler(context, &object_events, ADD_EVENT) == UBUS_STATUS_OK &&
            ubus_register_event_handler(context, &object_events, REMOVE_EVENT) == UBUS_STATUS_OK;
 }
 
