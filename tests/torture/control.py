@@ -167,6 +167,10 @@ class Place:
         """The names of the frames' functions, innermost first, inlined ones included."""
         return [name for frame in self.frames for name, _ in _symbols(*frame)]
 
+    def libraries(self):
+        """The names of the libraries that the frames are in."""
+        return {Path(path).name.split(".so")[0] for path, _ in self.frames if ".so" in path}
+
     def place_in_program(self):
         """The call, and the frames of the program itself, which is mapped lowest."""
         return self.name, tuple(frame for frame in self.frames if ".so" not in frame[0])

@@ -6,14 +6,16 @@ from dataclasses import dataclass
 
 @dataclass(frozen=True)
 class Known:
-    """`call` failed within one of the `functions`, and what is found then is like `finding`."""
+    """`call` failed within one of the `functions`, or of the libraries of that name, and what is
+    found then is like `finding`."""
     call: str
     functions: tuple
     finding: str
     reason: str
 
     def explains(self, hit, problem):
-        return (re.fullmatch(self.call, hit.name) and set(self.functions) & set(hit.functions()) and
+        return (re.fullmatch(self.call, hit.name) and
+                set(self.functions) & {*hit.functions(), *hit.libraries()} and
                 re.search(self.finding, problem))
 
 
@@ -26,13 +28,8 @@ KNOWN = (
           "json-c drops what a text's buffer has no room for, and parses on"),
     Known("realloc", ("blobmsg_puts",), r"without an error line",
           "libubox drops what a JSON text's buffer has no room for, and formats on"),
-    Known("pthread_mutex_lock", ("wolfSSL_CTX_free", "wolfSSL_free", "wolfSSL_CTX_new_ex",
-                                 "wolfSSL_new"), r"left behind: blocks",
+    Known("pthread_mutex_lock", ("libwolfssl",), r"left behind: blocks",
           "wolfSSL frees nothing whose lock it does not get"),
-    Known("clock_gettime", ("uloop_gettime",), "",
-          "libubox takes what stands in the record when the clock cannot be read"),
-    Known("clock_gettime", ("cloud_now_ms",), "",
-          "the monotonic clock can be read on every kernel; time 0 ends a session without a word"),
     Known("asprintf|stat", ("uci_load_delta", "uci_load_delta_file"), r"left behind: descriptors",
           "libuci leaves the file open when it cannot look for staged changes"),
 )
