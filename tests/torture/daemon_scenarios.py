@@ -2,14 +2,13 @@
 
 import contextlib
 import threading
-import time
 
 import ubus_wire
 from daemon import DAEMON, OBJECT, Daemon, slowness
 from processes import wait_until
 from relay_peer import RELAY_REQUEST, WEB_TOKEN, Closed, Relay
 from router import BUS_SOCKET, CONFIGURATION, ROOT_CERTIFICATE, TOKEN_SCRIPT, Router
-from scenario import ROUND_LIMIT_S, Problem, Scenario
+from scenario import ROUND_LIMIT_S, Scenario
 from web_peer import WebServer
 
 _ANSWER_S = 8.0  # how long the relay waits for what may not come
@@ -28,6 +27,7 @@ class ServingRelay:
         self._changed = threading.Condition()
         self._history = []
         self._finished = False
+        self._gave_up = False
         self._is_serving = False
         self._may_end = threading.Event()
         self._closed = False
@@ -37,7 +37,7 @@ class ServingRelay:
     def begin(self):
         with self._changed:
             self._history = []
-            self._finished = False
+            self._finished = self._gave_up = False
         self._may_end.clear()
 
     @property
@@ -51,6 +51,12 @@ class ServingRelay:
         with self._changed:
             return self._finished
 
+    @property
+    def has_given_up(self):
+        """Whether a session, or a connection, has ended before all steps."""
+        with self._changed:
+            return self._gave_up
+
     def let_go(self):
         """Has the relay end its session; returns when that is done."""
         self._may_end.set()
@@ -60,6 +66,11 @@ class ServingRelay:
     def _note(self, what):
         with self._changed:
             self._history.append(what)
+
+    def _give_up(self, what):
+        with self._changed:
+            self._history.append(what)
+            self._gave_up = True
 
     def _serve(self):
         while not self._closed:
@@ -73,7 +84,7 @@ class ServingRelay:
         try:
             session = self._relay.accept(_ANSWER_S)
         except (AssertionError, OSError):
-            self._note("no TLS")
+            self._give_up("no TLS")
             return
         try:
             self._note("TLS")
@@ -83,9 +94,9 @@ class ServingRelay:
                 self._finished = True
             self._may_end.wait(ROUND_LIMIT_S)
         except Closed:
-            self._note("closed")
+            self._give_up("closed")
         except (AssertionError, OSError) as failure:
-            self._note(type(failure).__name__)
+            self._give_up(type(failure).__name__)
         finally:
             session.close()
 
@@ -118,6 +129,12 @@ def token(session):
     return f"token {session.read_packet(_ANSWER_S).body.decode(errors='backslashreplace')}"
 
 
+def has_worker(daemon):
+    """Whether a session's thread exists; it takes its name a moment after it began."""
+    own = [name for name in daemon.threads() if not name.startswith("leak looks")]
+    return len(own) > 1
+
+
 class DaemonScenario(Scenario):
     """With a router around the daemon: its bus, its services, its web server."""
 
@@ -132,6 +149,7 @@ class DaemonScenario(Scenario):
         self.router.set_web_port(self.web.port)
         self.web.serve(self._answer_request)
         self.daemon = None
+        self._last_log = ""  # of the daemon that was put away last
 
     def _answer_request(self, exchange):
         with contextlib.suppress(AssertionError, OSError):
@@ -140,8 +158,7 @@ class DaemonScenario(Scenario):
 
     def end(self):
         try:
-            if self.daemon:
-                self.daemon.finish()
+            self.finish_daemon()
         finally:
             self.web.close()
             self.router.__exit__(None, None, None)
@@ -151,6 +168,13 @@ class DaemonScenario(Scenario):
         self.daemon = Daemon()
         with self.program.preloaded():
             self.daemon.start()
+
+    def finish_daemon(self):
+        """Ends the daemon and removes its files; shown_log() still has what it wrote."""
+        self._last_log = self.shown_log()
+        daemon, self.daemon = self.daemon, None
+        if daemon:
+            daemon.finish()
 
     def process_id(self):
         return self.daemon.pid
@@ -162,7 +186,9 @@ class DaemonScenario(Scenario):
         return self.daemon.log.errors(mark)
 
     def shown_log(self):
-        return self.daemon.log.shown() + "\n" + self.daemon.errors if self.daemon else ""
+        if not self.daemon:
+            return self._last_log
+        return self.daemon.log.shown() + "\n" + self.daemon.errors
 
     def call(self, method, message=None):
         """Calls the daemon; the status."""
@@ -198,8 +224,7 @@ class DaemonStart(DaemonScenario):
         return any(entry.function == function for entry in self.daemon.log.entries)
 
     def leave(self):
-        self.daemon.finish()
-        self.daemon = None
+        self.finish_daemon()
 
 
 class DaemonSession(DaemonScenario):
@@ -221,18 +246,17 @@ class DaemonSession(DaemonScenario):
         super().end()
 
     def _worker_has_ended(self):
-        return len(self.daemon.threads()) == 1
+        return not has_worker(self.daemon)
+
+    def _is_settled(self):
+        """Whether the session has come to its end, or cannot get farther."""
+        return (self.relay.has_finished or self.relay.has_given_up or self._worker_has_ended())
 
     def play(self):
         self.relay.begin()
         status = self.call("reload", {"address": self.relay.address, "port": self.relay.port})
-        deadline = time.monotonic() + ROUND_LIMIT_S
-        while not self.relay.has_finished and not self._worker_has_ended():
-            if time.monotonic() > deadline:
-                raise Problem(f"neither served nor ended within {ROUND_LIMIT_S} s")
-            if any(what in self.relay.history for what in ("NothingCame", "AssertionError")):
-                break  # the relay does not wait longer; a stop follows
-            time.sleep(0.01)
+        with self.failing_for_a_while():
+            wait_until(self._is_settled, "served, or ended", ROUND_LIMIT_S)
         stopped = self.call("stop")
         try:
             wait_until(self._worker_has_ended, "the worker ends", ROUND_LIMIT_S)
