@@ -79,24 +79,29 @@ int _patience(const helper_t& helper) {
     return static_cast<int>(std::clamp<int64_t>(left, 0, LOOK_MS));
 }
 
-// Reads until `size` bytes are there or the output is closed. False when the time is up first.
-bool _read_output(const helper_t& helper, char* buffer, size_t size, size_t* length) {
+enum class outcome_t { DONE, LATE, FAILED };
+
+// Reads until `size` bytes are there or the output is closed. FAILED leaves errno.
+outcome_t _read_output(const helper_t& helper, char* buffer, size_t size, size_t* length) {
     while (*length < size) {
         int patience = _patience(helper);
         pollfd output = {helper.output, POLLIN, 0};
-        int ready = poll(&output, 1, patience);
-        if (ready > 0) {
-            ssize_t count = read(helper.output, buffer + *length, size - *length);
-            if (count == 0 || (count < 0 && errno != EINTR)) {
-                return true;
+        ssize_t count = poll(&output, 1, patience); // 0: nothing to read yet
+        if (count > 0) {
+            count = read(helper.output, buffer + *length, size - *length);
+            if (count == 0) {
+                return outcome_t::DONE;
             }
-            *length += static_cast<size_t>(std::max<ssize_t>(count, 0));
         }
-        if (patience == 0 || (ready < 0 && errno != EINTR)) {
-            return false;
+        if (count < 0 && errno != EINTR) {
+            return outcome_t::FAILED;
+        }
+        *length += static_cast<size_t>(std::max<ssize_t>(count, 0));
+        if (patience == 0) {
+            return outcome_t::LATE;
         }
     }
-    return true;
+    return outcome_t::DONE;
 }
 
 // Whoever else waits for children may have been faster: then there is nothing left to wait for.
@@ -132,13 +137,14 @@ ssize_t helper_program_read(const char* command, char* buffer, size_t size, int6
         return -1;
     }
     size_t length = 0;
-    bool inTime = _read_output(helper, buffer, size, &length);
+    outcome_t outcome = _read_output(helper, buffer, size, &length);
+    int error = errno;
     close(helper.output); // a program that prints on gets SIGPIPE
-    inTime = inTime && _wait_for_end(helper);
-    if (!inTime) {
-        _kill_group(helper);
-        memset(buffer, 0, length);
-        length = 0;
+    if (outcome == outcome_t::DONE && _wait_for_end(helper)) {
+        return static_cast<ssize_t>(length);
     }
-    return static_cast<ssize_t>(length);
+    _kill_group(helper);
+    memset(buffer, 0, length);
+    errno = error;
+    return outcome == outcome_t::FAILED ? -1 : 0;
 }

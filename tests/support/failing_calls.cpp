@@ -86,6 +86,7 @@ WRAPPED(int, socket, (int domain, int type, int protocol), (domain, type, protoc
 WRAPPED(int, getsockopt, (int fd, int level, int name, void* value, socklen_t* size),
         (fd, level, name, value, size), ENOBUFS, -1)
 WRAPPED(int, poll, (pollfd * polled, nfds_t count, int limit), (polled, count, limit), ENOMEM, -1)
+WRAPPED(ssize_t, read, (int fd, void* data, size_t size), (fd, data, size), EIO, -1)
 WRAPPED(int, getsockname, (int fd, sockaddr* address, socklen_t* size), (fd, address, size),
         ENOBUFS, -1)
 WRAPPED(ssize_t, recv, (int fd, void* bytes, size_t size, int flags), (fd, bytes, size, flags), EIO,
@@ -135,6 +136,7 @@ static wrapped_call* const CALLS[] = {
     &call_of_getsockopt,
     &call_of_poll,
     &call_of_recv,
+    &call_of_read,
     &call_of_select,
     &call_of_usleep,
     &call_of_clock_nanosleep,

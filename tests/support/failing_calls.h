@@ -17,7 +17,7 @@
 // To force every allocation of an operation in turn, count up until one did not happen.
 //
 // Known: malloc, calloc, realloc, strdup, posix_spawn, socket, setsockopt, getsockopt, getsockname,
-// recv, select, poll, usleep, clock_nanosleep, pthread_create, localtime_r, json_tokener_new,
+// read, recv, select, poll, usleep, clock_nanosleep, pthread_create, localtime_r, json_tokener_new,
 // uci_alloc_context, cJSON_CreateObject, cJSON_CreateNumber, cJSON_CreateString,
 // cJSON_PrintUnformatted, wolfSSL_CTX_new, wolfSSL_new, wolfSSL_set_fd; each fails with the errno
 // that it would have.

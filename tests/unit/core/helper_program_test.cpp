@@ -233,6 +233,19 @@ TEST_F(HelperProgram, ThatCannotBeStartedIsAnError) {
     EXPECT_EQ(held(), untouched());
 }
 
+TEST_F(HelperProgram, WhoseOutputCannotBeReadIsAnErrorAndIsKilled) {
+    for (const char* call : {"poll", "read"}) {
+        fail_call failure(call, 2);
+        auto start = steady::now();
+        EXPECT_EQ(run("printf text; sleep 0.01; printf more; " + std::string(ENDLESS)), "") << call;
+        EXPECT_EQ(errno, std::string(call) == "poll" ? ENOMEM : EIO);
+        EXPECT_EQ(length, -1);
+        EXPECT_EQ(held(), std::string(4, '\0') + "????????????") << "half an answer counts as none";
+        EXPECT_LT(steady::now() - start, std::chrono::seconds(10));
+        memset(buffer, '?', sizeof buffer);
+    }
+}
+
 TEST_F(HelperProgram, WithoutDescriptorsIsAnError) {
     rlimit former = {};
     getrlimit(RLIMIT_NOFILE, &former);

@@ -155,6 +155,14 @@ TEST_F(WebTokenTest, AHelperThatCannotBeStartedIsAnsweredAndEndsTheSession) {
                                                  "Ensure fp != NULL failed.")));
 }
 
+TEST_F(WebTokenTest, AHelperWhoseOutputCannotBeReadIsAnsweredAndEndsTheSession) {
+    fail_call failure("poll");
+    EXPECT_EQ(request(BODY), -1);
+    EXPECT_EQ(reply(), (packet{PACKET_WEB_TOKEN, ID, token_body(-1, "")}));
+    EXPECT_THAT(log.lines(), Contains(error_line("cloud_server_handler_token_get",
+                                                 "Ensure fp != NULL failed.")));
+}
+
 TEST_F(WebTokenTest, AnswersEverybodyAlike) {
     for (const char* body : {R"({"name":"guest"})", R"({"user":1})", "{}", "[1,2]", "7", "null",
                              R"({"name":null})", "not JSON", "{\"name\":\"adm"}) {
