@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/resource.h>
 
 #include "support/namespaces.h"
 
@@ -23,6 +24,26 @@ TEST(AvailableMemory, IsWhatTheKernelCallsAvailable) {
 TEST(AvailableMemory, OfAKernelThatDoesNotTellIsUnlimited) {
     shown_file memory(MEMORY_INFO, "MemTotal:         123456 kB\n");
     EXPECT_EQ(available_memory(), SIZE_MAX);
+}
+
+TEST(AvailableMemory, OfAnEmptyReportIsUnlimited) {
+    shown_file memory(MEMORY_INFO, "");
+    EXPECT_EQ(available_memory(), SIZE_MAX);
+}
+
+TEST(AvailableMemory, BeyondWhatASizeHoldsIsUnlimited) {
+    shown_file memory(MEMORY_INFO, "MemAvailable: 18446744073709551615 kB\n");
+    EXPECT_EQ(available_memory(), SIZE_MAX);
+}
+
+TEST(AvailableMemory, WithoutADescriptorToAskIsUnlimited) {
+    rlimit usual = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+    rlimit none = {0, usual.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    size_t available = available_memory();
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+    EXPECT_EQ(available, SIZE_MAX);
 }
 
 TEST(AvailableMemory, OfThisMachineIsPlausible) {
