@@ -11,6 +11,7 @@ thread and the threads and processes that it starts afterwards.
 import contextlib
 import ctypes
 import fcntl
+import getpass
 import os
 import socket
 import struct
@@ -68,6 +69,9 @@ def become_root():
     if os.geteuid() == 0:
         return
     user, group = os.geteuid(), os.getegid()
+    with contextlib.suppress(KeyError):  # one without a name
+        # Or else pytest looks for its folder under root's name, and finds that of the real root.
+        os.environ.setdefault("LOGNAME", getpass.getuser())
     _unshare(_CLONE_NEWUSER)
     Path("/proc/self/setgroups").write_text("deny")
     Path("/proc/self/uid_map").write_text(f"0 {user} 1")
