@@ -433,14 +433,19 @@ TEST_F(UbusControlTest, TriesAgainWhileAnotherHoldsItsName) {
     client.reset();
     broker_process next(NEXT_SOCKET);
     forked rival([] {
+        // Blocked, a signal that comes early waits. An event loop that only begins loses it.
+        sigset_t end;
+        sigemptyset(&end);
+        sigaddset(&end, SIGTERM);
+        sigprocmask(SIG_BLOCK, &end, nullptr);
         ubus_context* context = ubus_connect(NEXT_SOCKET);
         ubus_object_type type = {};
         ubus_object object = {};
         object.name = OBJECT;
         object.type = &type;
         int result = context == nullptr ? 1 : ubus_add_object(context, &object);
-        if (result == 0) {
-            uloop_run();
+        if (int number = 0; result == 0) {
+            sigwait(&end, &number);
         }
         ubus_free(context);
         return result;
