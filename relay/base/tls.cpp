@@ -1,5 +1,6 @@
 #include "base/tls.h"
 
+#include <memory>
 #include <openssl/ssl.h>
 
 namespace relay {
@@ -30,8 +31,17 @@ void load(asio::ssl::context& context, const std::string& certificate, const std
 
 TlsContext make_tls_context(const std::string& certificate, const std::string& key,
                             std::string& error) {
-    auto context = std::make_shared<asio::ssl::context>(asio::ssl::context::tls_server);
-    SSL_CTX* const native = context->native_handle();
+    // Not by asio's constructor from a method: where OpenSSL has no memory to record an error
+    // either, it goes on with the null handle.
+    std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> made(SSL_CTX_new(TLS_server_method()),
+                                                           SSL_CTX_free);
+    SSL_CTX* const native = made.get();
+    if (!native) {
+        error = "no memory for a TLS context";
+        return nullptr;
+    }
+    auto context = std::make_shared<asio::ssl::context>(native);
+    (void)made.release(); // the context owns it from here on
     SSL_CTX_set_min_proto_version(native, TLS1_2_VERSION);
     SSL_CTX_set_options(native, SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION);
     // Buffers of idle connections go back: there are thousands.
