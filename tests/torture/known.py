@@ -30,7 +30,16 @@ KNOWN = (
           "libubox drops what a JSON text's buffer has no room for, and formats on"),
     Known("pthread_mutex_lock", ("libwolfssl",), r"left behind: blocks",
           "wolfSSL frees nothing whose lock it does not get"),
-    Known("asprintf|stat", ("uci_load_delta", "uci_load_delta_file"), r"left behind: descriptors",
+    Known("operator new", ("openssl_init",), r"died of signal 6[\s\S]*std::bad_alloc",
+          "Boost.Asio sets OpenSSL up before main(), where nobody can catch an exception"),
+    Known("fcntl", ("open_descriptors",), r"did not end within",
+          "Boost.Asio does not look whether its pipe for signals became non-blocking"),
+    Known("epoll_ctl", ("register_internal_descriptor",), r"did not end within",
+          "Boost.Asio does not look whether its pipe for signals is watched"),
+    Known("write", ("boost_asio_signal_handler",), r"did not end within",
+          "Boost.Asio's signal handler cannot report that the pipe took nothing"),
+    Known("asprintf|stat", ("uci_load_delta", "uci_load_delta_file"),
+          r"left behind: (descriptors|blocks)",
           "libuci leaves the file open when it cannot look for staged changes"),
 )
 

@@ -28,7 +28,6 @@ class SupervisorScenario(Scenario):
         self.daemon.start().wait_for_object()
         self.supervisor = Supervisor(self.router)
         self.supervisor.configure(f"relay.test:{self.relay.port}")
-        self.bus = ubus_wire.Client(BUS_SOCKET)
 
     def end(self):
         try:
@@ -56,9 +55,11 @@ class SupervisorScenario(Scenario):
         return self.supervisor.log.shown() if self.supervisor.log else ""
 
     def state_on_bus(self):
-        """What it says of itself; empty while it is not to be had."""
+        """Its state; empty while it does not answer. By a new client each time: an answer that
+        comes too late reaches no later call."""
         try:
-            (answer,) = self.bus.invoke(self.bus.lookup_id(_OBJECT), "status", timeout_s=5)
+            with ubus_wire.Client(BUS_SOCKET) as bus:
+                (answer,) = bus.invoke(bus.lookup_id(_OBJECT), "status", timeout_s=5)
         except (ubus_wire.Refused, TimeoutError, ValueError):
             return ""
         return answer["state"]
