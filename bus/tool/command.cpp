@@ -108,7 +108,9 @@ int run_uloop(ubus_context* ctx, uloop_timeout& timer, int timeout_ms) {
     }
     uloop_run();
     uloop_timeout_cancel(&timer);
-    return ctx->sock.eof ? UBUS_STATUS_CONNECTION_FAILED : UBUS_STATUS_OK;
+    // eof is that of the last event alone, but a lost connection is always taken out of uloop.
+    const bool lost = ctx->sock.eof || !ctx->sock.registered;
+    return lost ? UBUS_STATUS_CONNECTION_FAILED : UBUS_STATUS_OK;
 }
 
 int run_listen(ubus_context* ctx, const tool_options& options, char** arguments) {
