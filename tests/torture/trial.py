@@ -9,8 +9,10 @@ from dataclasses import dataclass, field
 import control
 from control import Order
 from known import reason_for
+from processes import wait_until
 from scenario import Problem, fingerprint
 
+_REST_S = 2.0  # how long what a round has left may take to go
 _SETTLING_ROUNDS = 6  # clean ones, until two leave the same behind
 
 
@@ -107,10 +109,11 @@ class Surroundings:
 
     def _start_anew(self):
         scenario = self.scenario
-        now = scenario.state()
-        found = now.shows_more_than(self.state)
-        if found:
-            raise Problem("left behind: " + "; ".join(found))
+        try:  # a program that runs may be about to free what it holds
+            wait_until(lambda: not scenario.state().shows_more_than(self.state), "at rest", _REST_S)
+        except AssertionError:
+            found = scenario.state().shows_more_than(self.state)
+            raise Problem("left behind: " + "; ".join(found)) from None
         scenario.leave()
         self._play_clean()
         scenario.leave()
