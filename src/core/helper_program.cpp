@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "core/clock.h"
+#include "core/log.h"
 #include "core/wanted.h"
 
 namespace {
@@ -79,10 +80,9 @@ int _patience(const helper_t& helper) {
     return static_cast<int>(std::clamp<int64_t>(left, 0, LOOK_MS));
 }
 
-enum class outcome_t { DONE, LATE, FAILED };
-
-// Reads until `size` bytes are there or the output is closed. FAILED leaves errno.
-outcome_t _read_output(const helper_t& helper, char* buffer, size_t size, size_t* length) {
+// Reads until `size` bytes are there or the output is closed. False when the time is up first, or
+// when it cannot be read.
+bool _read_output(const helper_t& helper, char* buffer, size_t size, size_t* length) {
     while (*length < size) {
         int patience = _patience(helper);
         pollfd output = {helper.output, POLLIN, 0};
@@ -90,18 +90,19 @@ outcome_t _read_output(const helper_t& helper, char* buffer, size_t size, size_t
         if (count > 0) {
             count = read(helper.output, buffer + *length, size - *length);
             if (count == 0) {
-                return outcome_t::DONE;
+                return true;
             }
         }
         if (count < 0 && errno != EINTR) {
-            return outcome_t::FAILED;
+            LOG_ERROR("Read the helper's output failed: %s", strerror(errno));
+            return false;
         }
         *length += static_cast<size_t>(std::max<ssize_t>(count, 0));
         if (patience == 0) {
-            return outcome_t::LATE;
+            return false;
         }
     }
-    return outcome_t::DONE;
+    return true;
 }
 
 // Whoever else waits for children may have been faster: then there is nothing left to wait for.
@@ -137,14 +138,12 @@ ssize_t helper_program_read(const char* command, char* buffer, size_t size, int6
         return -1;
     }
     size_t length = 0;
-    outcome_t outcome = _read_output(helper, buffer, size, &length);
-    int error = errno;
+    bool isRead = _read_output(helper, buffer, size, &length);
     close(helper.output); // a program that prints on gets SIGPIPE
-    if (outcome == outcome_t::DONE && _wait_for_end(helper)) {
+    if (isRead && _wait_for_end(helper)) {
         return static_cast<ssize_t>(length);
     }
     _kill_group(helper);
     memset(buffer, 0, length);
-    errno = error;
-    return outcome == outcome_t::FAILED ? -1 : 0;
+    return 0;
 }

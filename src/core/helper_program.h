@@ -13,6 +13,6 @@
 
 // Runs `command` and reads at most `size` bytes of its standard output into `buffer`, then waits
 // for its end; it may take `limit` milliseconds in all. Returns the number of bytes; 0 also for a
-// command that had to be killed, whatever it printed; -1 with errno when it cannot be run, or when
-// its output cannot be read. Then and after a kill, what was read of it is zeroed.
+// command that had to be killed, whatever it printed: it was too slow, or its output could not be
+// read, which is logged; what was read of it is zeroed. -1 with errno when it cannot be run.
 ssize_t helper_program_read(const char* command, char* buffer, size_t size, int64_t limit);

@@ -155,12 +155,13 @@ TEST_F(WebTokenTest, AHelperThatCannotBeStartedIsAnsweredAndEndsTheSession) {
                                                  "Ensure fp != NULL failed.")));
 }
 
-TEST_F(WebTokenTest, AHelperWhoseOutputCannotBeReadIsAnsweredAndEndsTheSession) {
+TEST_F(WebTokenTest, AHelperWhoseOutputCannotBeReadIsLoggedAndGivesAnEmptyToken) {
     fail_call failure("poll");
-    EXPECT_EQ(request(BODY), -1);
-    EXPECT_EQ(reply(), (packet{PACKET_WEB_TOKEN, ID, token_body(-1, "")}));
-    EXPECT_THAT(log.lines(), Contains(error_line("cloud_server_handler_token_get",
-                                                 "Ensure fp != NULL failed.")));
+    EXPECT_EQ(request(BODY), 0);
+    EXPECT_EQ(reply(), (packet{PACKET_WEB_TOKEN, ID, token_body(0, "")}));
+    EXPECT_THAT(log.lines(),
+                Contains(error_line("_read_output", "Read the helper's output failed: Cannot "
+                                                    "allocate memory")));
 }
 
 TEST_F(WebTokenTest, AnswersEverybodyAlike) {
