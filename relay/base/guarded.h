@@ -10,14 +10,6 @@
 
 namespace relay {
 
-// Writes "what: reason" to the log, or nothing when even that lacks memory.
-inline void report_failure(std::string_view what, const std::exception& exception) noexcept {
-    try {
-        log::error(what, ": ", exception.what());
-    } catch (const std::exception&) {
-    }
-}
-
 // Whether `step` returned. What it throws is logged with `what` in front.
 template <typename Step>
 bool guarded(std::string_view what, Step&& step) noexcept {
@@ -25,7 +17,7 @@ bool guarded(std::string_view what, Step&& step) noexcept {
         step();
         return true;
     } catch (const std::exception& exception) {
-        report_failure(what, exception);
+        log::error(what, ": ", exception.what());
         return false;
     }
 }

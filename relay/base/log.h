@@ -2,7 +2,7 @@
 // What comes from outside may stand in a line: control characters are shown as \xNN.
 #pragma once
 
-#include <cstdint>
+#include <new>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -26,19 +26,28 @@ std::string join(const Pieces&... pieces) {
     return text;
 }
 
+// A line for which there is no memory is lost: what it tells of goes on.
 template <typename... Pieces>
-void info(const Pieces&... pieces) {
-    write(Level::info, join(pieces...));
+void put(Level level, const Pieces&... pieces) noexcept {
+    try {
+        write(level, join(pieces...));
+    } catch (const std::bad_alloc&) {
+    }
 }
 
 template <typename... Pieces>
-void warning(const Pieces&... pieces) {
-    write(Level::warning, join(pieces...));
+void info(const Pieces&... pieces) noexcept {
+    put(Level::info, pieces...);
 }
 
 template <typename... Pieces>
-void error(const Pieces&... pieces) {
-    write(Level::error, join(pieces...));
+void warning(const Pieces&... pieces) noexcept {
+    put(Level::warning, pieces...);
+}
+
+template <typename... Pieces>
+void error(const Pieces&... pieces) noexcept {
+    put(Level::error, pieces...);
 }
 
 } // namespace relay::log

@@ -1,5 +1,7 @@
 #include "base/log.h"
 
+#include "failing_new.h"
+
 #include <gmock/gmock.h>
 
 namespace relay {
@@ -24,6 +26,20 @@ TEST(Log, LineHasTimeLevelAndText) {
 TEST(Log, WhatComesFromOutsideCannotBreakALineOrATerminal) {
     EXPECT_THAT(shown([] { log::info("a\r\nb\x1b[0m\x7f\xC3\xA4", std::string_view("\0", 1)); }),
                 testing::EndsWith(" info a\\x0d\\x0ab\\x1b[0m\\x7f\xC3\xA4\\x00\n"));
+}
+
+TEST(Log, LineWithoutMemoryIsLostAndNothingElse) {
+    const std::string text(1000, 'x');
+    int nth = 0;
+    for (bool happened = true; happened;) {
+        const std::string line = shown([&] {
+            const FailingNew failure(++nth);
+            log::info(text);
+            happened = failure.happened();
+        });
+        EXPECT_EQ(line.empty(), happened) << nth;
+    }
+    EXPECT_GT(nth, 1);
 }
 
 } // namespace
