@@ -68,11 +68,12 @@ void raise_descriptor_limit() {
     }
 }
 
-// Large bodies go back to the system when they are freed: left to itself, the C library keeps more
-// and more of them for the next ones, beyond what the relay counts.
+// Large bodies go back to the system when they are freed. These are the C library's own thresholds:
+// left to itself it raises them with what it sees freed, and keeps ever larger blocks for the next
+// ones, beyond what the relay counts.
 void give_large_blocks_back() {
-    mallopt(M_MMAP_THRESHOLD, 256 << 10);
-    mallopt(M_TRIM_THRESHOLD, 1 << 20);
+    mallopt(M_MMAP_THRESHOLD, 128 << 10);
+    mallopt(M_TRIM_THRESHOLD, 128 << 10);
 }
 
 // Throws what the library throws when the system gives no memory, or no descriptor.
