@@ -366,7 +366,7 @@ void DeviceSession::write_next() {
 }
 
 bool DeviceSession::submit(std::shared_ptr<Exchange> exchange) {
-    if (closed_)
+    if (closed_ || !exchange->is_open())
         return false;
     if (open_exchanges() >= services_.options.requests_open)
         std::erase_if(waiting_, [](const auto& each) { return !each->is_open(); });

@@ -46,6 +46,8 @@ Awaitable<bool> Exchange::take(std::vector<char>& bytes) {
 
 void Exchange::abandon() {
     abandoned_ = true;
+    packet_ = {};
+    packet_held_.resize(0);
     buffer_ = {};
     buffer_held_.resize(0);
     taken_held_.resize(0);

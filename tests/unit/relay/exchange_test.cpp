@@ -293,6 +293,12 @@ TEST_F(ExchangeTest, HoldsItsPacketUntilWhoeverSendsItLetsGo) {
     EXPECT_EQ(user_->used + device_->used, 0u);
 }
 
+TEST_F(ExchangeTest, AbandonedWhileItWaitsHoldsNothing) {
+    const auto one = exchange();
+    one->abandon();
+    EXPECT_EQ(budget_.used, 0u);
+}
+
 TEST_F(ExchangeTest, HoldsWhatItsBuffersTakeUp) {
     const auto one = exchange();
     one->send_as(1);
