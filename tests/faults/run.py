@@ -34,9 +34,9 @@ from sabotage import NAMES  # noqa: E402
 FOLDER = TREE / "build" / "faults"
 MOST_LANES = 36
 # KiB of private memory that a program may hold more at the end of a lane, beyond what the rounds
-# up to then were warmed up with; and on the average of all lanes. The relay may still hold requests
-# of the last round, each 600 KB at most, for the minute in which their device might answer.
-MOST_GROWTH = {"daemon": (160, 48), "supervisor": (32, 8), "bus": (32, 8), "relay": (2400, 600)}
+# up to then were warmed up with; and on the average of all lanes. The relay may hold a body of
+# 600 KB longer than its user waited, until it has been sent.
+MOST_GROWTH = {"daemon": (160, 48), "supervisor": (32, 8), "bus": (32, 8), "relay": (1024, 256)}
 OTHER_GROWTH = (160, 48)
 
 
