@@ -26,7 +26,7 @@ std::string join(const Pieces&... pieces) {
     return text;
 }
 
-// A line for which there is no memory is lost: what it tells of goes on.
+// A line for which memory is short is lost; nothing is thrown, so that the caller goes on.
 template <typename... Pieces>
 void put(Level level, const Pieces&... pieces) noexcept {
     try {

@@ -218,7 +218,7 @@ bool DeviceSession::begin_answer(const PacketHeader& header) {
     return true;
 }
 
-// Takes in an answer, and drops what nobody wants. False when the connection is no more.
+// Receives an answer, and drops it once its user has gone. False when the connection has ended.
 Awaitable<bool> DeviceSession::receive_answer(const PacketHeader& header) {
     if (!begin_answer(header))
         co_return false;
@@ -422,8 +422,8 @@ void DeviceSession::send_out(std::shared_ptr<Exchange> exchange) {
     start_writing(size);
 }
 
-// The time to answer begins when the device has the request: a slow line is no fault of the device,
-// which would go on executing a request that its user was told had failed.
+// The time to answer begins when the device has the whole request. Counted from earlier, a slow
+// line used it up: the user got 504, and the device went on to execute the request.
 void DeviceSession::is_sent(std::uint16_t id) {
     if (const auto slot = out_.find(id); slot != out_.end())
         slot->second.deadline->set(services_.options.answer);

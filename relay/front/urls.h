@@ -16,7 +16,7 @@ struct UrlParts {
     std::string_view rest;      // path, query and fragment; may be empty
 };
 
-// Nothing for relative URLs, other schemes, user names, and what is no URL.
+// Returns nothing for a relative URL, another scheme, a URL with a user name, and invalid text.
 std::optional<UrlParts> url_parts(std::string_view url);
 
 // The host of "host" and "host:port", without the port; empty when it is neither.
