@@ -20,6 +20,8 @@ constexpr std::size_t max_web_token_bytes = 64 << 10;
 
 // A device that takes none of our bytes for that long has gone, or hangs.
 constexpr std::chrono::seconds write_patience{30};
+// The slowest device that requests are sent to, in bytes a second, beyond the time to answer.
+constexpr std::size_t least_rate = 4096;
 // A device that gives no byte of an answer for that long has broken it off.
 constexpr std::chrono::seconds longest_answer_pause{30};
 // Bytes that the system keeps unsent: what it took counts as with the device, and a reply waits
@@ -419,14 +421,19 @@ void DeviceSession::send_out(std::shared_ptr<Exchange> exchange) {
     const std::size_t size = packet.size();
     out_.emplace(id, Slot{std::move(exchange), std::move(deadline), is_large});
     output_.add_request(std::move(packet), id, std::move(held));
+    out_.at(id).deadline->set(services_.options.answer +
+                              std::chrono::seconds(output_.bytes() / least_rate));
     start_writing(size);
 }
 
 // The time to answer begins when the device has the whole request. Counted from earlier, a slow
 // line used it up: the user got 504, and the device went on to execute the request.
 void DeviceSession::is_sent(std::uint16_t id) {
-    if (const auto slot = out_.find(id); slot != out_.end())
-        slot->second.deadline->set(services_.options.answer);
+    const auto slot = out_.find(id);
+    if (slot == out_.end())
+        return;
+    slot->second.is_sent = true;
+    slot->second.deadline->set(services_.options.answer);
 }
 
 // 1 to 65535, in turn: what is given up is long forgotten when its turn comes again.
@@ -439,6 +446,8 @@ std::uint16_t DeviceSession::free_id() {
 
 void DeviceSession::expire(std::uint16_t id) {
     const auto slot = out_.find(id);
+    if (!slot->second.is_sent) // the user's 504 must not be followed by the request itself
+        return close("it takes requests too slowly");
     const auto exchange = std::move(slot->second.exchange);
     out_.erase(slot);
     note_error("a request was not answered in time");

@@ -58,11 +58,13 @@ public:
     void note_error(std::string_view what) { figures_.last_error = what; }
 
 private:
-    // A request that was sent, or is being sent. Its deadline runs once the device has all of it.
+    // A request that was sent, or is being sent. Its deadline is when it must have been sent, and
+    // from then on when it must be answered.
     struct Slot {
         std::shared_ptr<Exchange> exchange;
         std::unique_ptr<Deadline> deadline;
         bool is_large;
+        bool is_sent = false;
     };
 
     Awaitable<bool> establish();

@@ -3,10 +3,12 @@
 namespace relay {
 
 void Outgoing::add_reply(std::string packet) {
+    bytes_ += packet.size();
     replies_.push_back(std::move(packet));
 }
 
 void Outgoing::add_request(std::string packet, std::uint16_t id, Reservation held) {
+    bytes_ += packet.size();
     requests_.push_back({std::move(packet), id, std::move(held)});
 }
 
@@ -23,6 +25,7 @@ std::string_view Outgoing::next() {
 
 std::optional<std::uint16_t> Outgoing::written(std::size_t bytes) {
     written_ += bytes;
+    bytes_ -= bytes;
     if (!rest().empty())
         return std::nullopt;
     const auto id = request_ ? std::optional(request_->id) : std::nullopt;

@@ -22,6 +22,7 @@ public:
 
     bool is_empty() const { return rest().empty() && replies_.empty() && requests_.empty(); }
     std::size_t replies() const { return replies_.size(); } // that have not begun
+    std::size_t bytes() const { return bytes_; }            // not written yet
 
     // What is to be written next; it stays where it is until written().
     std::string_view next();
@@ -43,6 +44,7 @@ private:
     std::optional<Request> request_; // being written, or else:
     std::string reply_;
     std::size_t written_ = 0; // of that one
+    std::size_t bytes_ = 0;
 };
 
 } // namespace relay

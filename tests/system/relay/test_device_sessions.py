@@ -439,6 +439,18 @@ def test_the_time_to_answer_begins_when_the_device_has_the_request(relay, connec
     user.expect(200)
 
 
+@pytest.mark.lasts(27)
+@pytest.mark.relay(options={"devices": {"answer_s": 1}})
+def test_a_device_that_takes_a_request_too_slowly_is_dropped(relay, connect, open_user):
+    """Below 4 KiB a second: it moves, and yet its user would wait for ever."""
+    device, user = connect("slow", receive_buffer=4096).join(), open_user("slow")
+    user.ask("/", "POST", body=b"x" * 100_000)
+    wait_until(lambda: relay.devices()["slow"]["open"] == 1, "it is on its way")
+    user.socket.settimeout(60 * slowness())
+    assert b"cut off before it had answered" in user.expect(502).body
+    relay.log.wait_for("device slow from .* is gone: it takes requests too slowly")
+
+
 @pytest.mark.relay(options={"devices": {"answer_s": 1}})
 def test_an_answer_that_has_begun_may_take_longer(device, user):
     user.ask()

@@ -35,6 +35,15 @@ TEST_F(OutgoingTest, IsEmptyAtFirst) {
     EXPECT_EQ(outgoing_.next(), "");
 }
 
+TEST_F(OutgoingTest, CountsTheBytesThatAreNotWritten) {
+    add_request("first", 1);
+    outgoing_.add_reply("re");
+    EXPECT_EQ(outgoing_.bytes(), 7U);
+    outgoing_.next();
+    outgoing_.written(1);
+    EXPECT_EQ(outgoing_.bytes(), 6U);
+}
+
 TEST_F(OutgoingTest, GivesRequestsInTheirOrderWithTheirIds) {
     add_request("first", 1);
     add_request("second", 2);
