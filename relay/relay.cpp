@@ -15,7 +15,7 @@ constexpr std::chrono::seconds farewell{2};
 Relay::Relay(Config config)
     : config_(std::move(config)), budget_{config_.memory_bytes},
       deadlines_(context_.get_executor()),
-      devices_(context_.get_executor(), config_, deadlines_, budget_, metrics_),
+      devices_(context_.get_executor(), config_, deadlines_, budget_, clients_, metrics_),
       front_({context_.get_executor(), config_, deadlines_, budget_, clients_, metrics_,
               access_log_, devices_}),
       admin_({context_.get_executor(), config_, deadlines_, budget_, metrics_, devices_,

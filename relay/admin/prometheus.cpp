@@ -95,6 +95,9 @@ std::string to_prometheus(const Metrics& metrics, const Gauges& gauges) {
                 d(metrics.late_answers));
     page.single("user_connections_total", counter, "Connections of users accepted.",
                 d(metrics.user_connections));
+    page.single("user_connections_turned_away_total", counter,
+                "Connections of users that were refused, or closed while idle, for others.",
+                d(metrics.user_connections_turned_away));
     page.begin("requests_total", counter,
                "Requests by status; 0: the user left first, 2xx: an unknown status of that class.");
     for (const auto& [status, count] : metrics.requests_by_status) {

@@ -10,9 +10,13 @@
 
 namespace relay {
 
+// Which connections of an address are counted.
+enum ClientCount { newcomers_count, users_count, client_counts };
+
 // Owned by the connections from one address.
 struct Client {
     MemoryAccount memory;
+    std::array<std::size_t, client_counts> connections{};
 };
 
 // Owned by the relay, outlives the connections; used on its thread.

@@ -72,6 +72,7 @@ void read_devices(const boost::json::value& value, const std::string& folder,
             reader.fail(key, "must name a file");
     reader.number("max_connections", options.max_connections, 1, 1'000'000);
     reader.number("max_handshakes", options.max_handshakes, 1, 100'000);
+    reader.number("max_handshakes_per_address", options.max_handshakes_per_address, 1, 100'000);
     reader.seconds("hello_s", options.hello, 1, most_seconds);
     reader.seconds("silence_s", options.silence, 1, most_seconds);
     reader.seconds("answer_s", options.answer, 1, most_seconds);
@@ -102,6 +103,7 @@ void read_front(const boost::json::value& value, const std::string& folder, Fron
         options.device_host.find_first_of(" \t\r\n/") != std::string::npos)
         reader.fail("device_host", "must be a host, with a port where needed");
     reader.number("max_connections", options.max_connections, 1, 1'000'000);
+    reader.number("max_connections_per_address", options.max_connections_per_address, 1, 1'000'000);
     reader.number("max_header_bytes", options.max_header_bytes, 1024, 1 << 20);
     reader.number("max_body_bytes", options.max_body_bytes, 0, most_bytes);
     reader.number("answer_buffer_bytes", options.answer_buffer_bytes, 65536, most_bytes);

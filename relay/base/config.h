@@ -24,7 +24,8 @@ struct DeviceOptions {
     std::string policy;      // path; see devices/policy.h
     std::size_t max_connections = 20000;
     std::size_t max_handshakes = 256; // TLS and hello under way
-    std::chrono::seconds hello{10};   // from accepted to hello
+    std::size_t max_handshakes_per_address = 64;
+    std::chrono::seconds hello{10}; // from accepted to hello
     std::chrono::seconds silence{160};
     std::chrono::seconds answer{60}; // from when the device has the request; and for it to be sent
     std::size_t max_answer_bytes = 128 << 20;
@@ -40,6 +41,7 @@ struct FrontOptions {
     std::uint16_t public_port = 0; // 0: the one listened on
     std::string device_host = "127.0.0.1";
     std::size_t max_connections = 4096;
+    std::size_t max_connections_per_address = 256;
     std::size_t max_header_bytes = 32 << 10;
     std::size_t max_body_bytes = 16 << 20;
     std::size_t answer_buffer_bytes = 8 << 20;

@@ -11,8 +11,9 @@ constexpr std::chrono::milliseconds shortage_pause{100};
 } // namespace
 
 Listener::Listener(const Executor& executor, Deadlines& deadlines,
-                   std::function<void(Socket)> welcome)
-    : acceptor_(executor), welcome_(std::move(welcome)), again_(deadlines, [this] { start(); }) {}
+                   std::function<void(Socket)> welcome, std::function<bool()> has_room)
+    : acceptor_(executor), welcome_(std::move(welcome)), has_room_(std::move(has_room)),
+      room_(executor), again_(deadlines, [this] { start(); }) {}
 
 bool Listener::listen(const ListenAddress& address, std::string& error) {
     error_code wrong;
@@ -46,6 +47,7 @@ void Listener::close() {
     again_.clear();
     error_code ignored;
     acceptor_.close(ignored);
+    room_.notify();
 }
 
 void Listener::start() {
@@ -69,6 +71,8 @@ Awaitable<void> Listener::take_all() {
 // The next connection. A shortage of descriptors is waited out; false when the listener is closed.
 Awaitable<bool> Listener::take(Socket& socket) {
     error_code error;
+    while (acceptor_.is_open() && !has_room_())
+        co_await room_.wait(Clock::now() + shortage_pause);
     co_await acceptor_.async_accept(socket, into(error));
     while (error && acceptor_.is_open()) {
         if (error != asio::error::connection_aborted) {

@@ -48,6 +48,7 @@ struct Metrics {
     std::uint64_t heartbeats = 0;
     std::uint64_t user_connections = 0;
     std::uint64_t user_connections_open = 0;
+    std::uint64_t user_connections_turned_away = 0;       // for want of a place
     std::map<unsigned, std::uint64_t> requests_by_status; // by counted_status()
     LatencyHistogram latency;
     std::uint64_t bytes_from_devices = 0;

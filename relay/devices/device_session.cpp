@@ -41,7 +41,8 @@ std::string hello_reply(int code) {
 
 } // namespace
 
-DeviceSession::DeviceSession(DeviceServices& services, Socket socket, TlsContext tls)
+DeviceSession::DeviceSession(DeviceServices& services, Crowd& newcomers,
+                             std::shared_ptr<Client> client, Socket socket, TlsContext tls)
     : services_(services), socket_(std::move(socket)), tls_(std::move(tls)),
       stream_(socket_, *tls_), input_(std::make_unique_for_overwrite<char[]>(input_bytes)),
       reading_(services.deadlines,
@@ -52,6 +53,9 @@ DeviceSession::DeviceSession(DeviceServices& services, Socket socket, TlsContext
                }),
       writing_(services.deadlines, [this] { close("it takes no bytes"); }),
       answer_pause_(services.deadlines, [this] { break_off_answer(); }) {
+    guest_.emplace(
+        newcomers, std::move(client), [this] { return is_quiet(socket_.native_handle()); },
+        [this] { end(); });
     error_code ignored;
     address_ = to_text(socket_.remote_endpoint(ignored));
     socket_.set_option(Tcp::no_delay(true), ignored);
@@ -65,6 +69,7 @@ Awaitable<void> DeviceSession::run() {
     const bool established = co_await establish();
     if (established) {
         admitted_ = true;
+        guest_.reset();
         figures_.since = std::chrono::system_clock::now();
         ++services_.metrics.sessions;
         log::info("device ", hello_.device_id, " from ", address_, " is connected, MAC ",
@@ -85,11 +90,15 @@ void DeviceSession::refuse(Refusal cause, std::string_view why) {
 void DeviceSession::close(std::string_view why) {
     if (closed_)
         return;
-    closed_ = true;
     if (admitted_)
         log::info("device ", hello_.device_id, " from ", address_, " is gone: ", why);
     else
         log::warning("a connection from ", address_, " became no session: ", why);
+    end();
+}
+
+void DeviceSession::end() {
+    closed_ = true;
     reading_.clear();
     writing_.clear();
     fail_all(Exchange::State::gone);

@@ -6,6 +6,7 @@
 // one. Lives as long as its coroutine runs or its owner, the listener's set, keeps it.
 #pragma once
 
+#include "base/crowd.h"
 #include "base/deadlines.h"
 #include "base/tls.h"
 #include "devices/device_services.h"
@@ -32,7 +33,8 @@ struct DeviceFigures {
 
 class DeviceSession : public std::enable_shared_from_this<DeviceSession> {
 public:
-    DeviceSession(DeviceServices& services, Socket socket, TlsContext tls);
+    DeviceSession(DeviceServices& services, Crowd& newcomers, std::shared_ptr<Client> client,
+                  Socket socket, TlsContext tls);
 
     // Runs the connection to its end. Tells services.directory when it is admitted and when it
     // has ended.
@@ -92,6 +94,7 @@ private:
     std::uint16_t free_id();
     void expire(std::uint16_t id);
     void fail_all(Exchange::State state);
+    void end();
 
     DeviceServices& services_;
     Socket socket_;
@@ -100,6 +103,7 @@ private:
     std::string address_;
     Hello hello_;
     DeviceFigures figures_;
+    std::optional<Guest> guest_; // until admitted
     bool admitted_ = false;
     Refusal refusal_ = Refusal::time_out; // until admitted: what it is, should its time pass
     std::string refused_why_ = "it said no hello in time";

@@ -7,11 +7,17 @@
 namespace relay {
 
 Devices::Devices(const Executor& executor, const Config& config, Deadlines& deadlines,
-                 MemoryBudget& budget, Metrics& metrics)
-    : executor_(executor), options_(config.devices),
+                 MemoryBudget& budget, Clients& clients, Metrics& metrics)
+    : executor_(executor), options_(config.devices), clients_(clients),
       metrics_(metrics), services_{config.devices, deadlines, budget,
                                    metrics,        *this,     config.front.hold},
-      listener_(executor, deadlines, [this](Socket socket) { welcome(std::move(socket)); }) {}
+      crowd_(deadlines, {options_.max_handshakes, options_.max_handshakes_per_address},
+             "connections of devices", newcomers_count,
+             metrics.refusals[static_cast<std::size_t>(Refusal::crowded_out)],
+             [this] { listener_.look_again(); }),
+      listener_(
+          executor, deadlines, [this](Socket socket) { welcome(std::move(socket)); },
+          [this] { return has_room(); }) {}
 
 bool Devices::load_certificate(std::string& error) {
     auto tls = make_tls_context(options_.certificate, options_.key, error);
@@ -78,7 +84,7 @@ std::string Devices::objection(const Hello& hello) const {
 // yet: the new one takes over at once, with the requests that had not been sent.
 void Devices::admitted(DeviceSession& session) {
     const auto self = session.shared_from_this();
-    std::erase(newcomers_, self);
+    newcomers_.erase(self);
     auto& place = sessions_[device_key(session.hello().device_id)];
     const auto former = std::exchange(place, self);
     if (!former || former->is_closed())
@@ -92,27 +98,26 @@ void Devices::admitted(DeviceSession& session) {
 
 void Devices::ended(DeviceSession& session) {
     const auto self = session.shared_from_this();
-    std::erase(newcomers_, self);
+    newcomers_.erase(self);
     const auto found = sessions_.find(device_key(session.hello().device_id));
     if (found != sessions_.end() && found->second == self)
         sessions_.erase(found);
+    listener_.look_again();
 }
 
-// Handshakes are capped. When all are taken the oldest has to go: one who opens connections and
-// says nothing then crowds out himself, and a device that does say hello is long through.
+bool Devices::has_room() {
+    return sessions_.size() + newcomers_.size() < options_.max_connections && crowd_.has_room();
+}
+
 void Devices::welcome(Socket socket) {
     ++metrics_.device_connections;
-    if (sessions_.size() + newcomers_.size() >= options_.max_connections) {
-        metrics_.refuse(Refusal::crowded_out);
+    error_code ignored;
+    auto client = clients_.at(socket.remote_endpoint(ignored).address());
+    if (!crowd_.admits(*client))
         return; // closes it
-    }
-    if (newcomers_.size() >= options_.max_handshakes) {
-        const auto oldest = newcomers_.front();
-        newcomers_.erase(newcomers_.begin());
-        oldest->refuse(Refusal::crowded_out, "too many handshakes are under way");
-    }
-    const auto session = std::make_shared<DeviceSession>(services_, std::move(socket), tls_);
-    newcomers_.push_back(session);
+    const auto session = std::make_shared<DeviceSession>(services_, crowd_, std::move(client),
+                                                         std::move(socket), tls_);
+    newcomers_.insert(session);
     spawn(
         executor_, alive_, [&session] { return session->run(); },
         [this, session] {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "base/config.h"
+#include "base/crowd.h"
 #include "base/listen.h"
 #include "devices/device_services.h"
 #include "devices/device_session.h"
@@ -11,14 +12,14 @@
 #include <map>
 #include <memory>
 #include <string>
-#include <vector>
+#include <unordered_set>
 
 namespace relay {
 
 class Devices final : private DeviceDirectory {
 public:
     Devices(const Executor& executor, const Config& config, Deadlines& deadlines,
-            MemoryBudget& budget, Metrics& metrics);
+            MemoryBudget& budget, Clients& clients, Metrics& metrics);
 
     // Each reads one file. False: nothing has changed, and `error` says why.
     bool load_certificate(std::string& error);
@@ -37,7 +38,7 @@ public:
     // All sessions, by device id.
     void for_each(const std::function<void(const DeviceSession&)>& visit) const;
     std::size_t count() const { return sessions_.size(); }
-    std::size_t handshakes() const { return newcomers_.size(); }
+    std::size_t handshakes() const { return crowd_.size(); }
     std::size_t open_exchanges() const;
 
 private:
@@ -46,19 +47,22 @@ private:
     void admitted(DeviceSession& session) override;
     void ended(DeviceSession& session) override;
 
+    bool has_room();
     void welcome(Socket socket);
 
     Executor executor_;
     const DeviceOptions& options_;
+    Clients& clients_;
     Metrics& metrics_;
     DeviceServices services_;
+    Crowd crowd_; // of those that are no session yet
     Policy policy_;
     TlsContext tls_;
     Listener listener_;
     bool draining_ = false;
     std::map<std::string, std::shared_ptr<DeviceSession>, std::less<>> sessions_; // by device_key()
-    std::vector<std::shared_ptr<DeviceSession>> newcomers_; // no session yet; the oldest first
-    const std::shared_ptr<const void> alive_ = std::make_shared<char>(); // the first to go
+    std::unordered_set<std::shared_ptr<DeviceSession>> newcomers_;                // no session yet
+    const std::shared_ptr<const void> alive_ = std::make_shared<char>();          // the first to go
 };
 
 } // namespace relay

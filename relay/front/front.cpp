@@ -8,8 +8,16 @@
 namespace relay {
 
 Front::Front(const Services& services)
-    : services_(services), listener_(services.executor, services.deadlines,
-                                     [this](Socket socket) { welcome(std::move(socket)); }) {}
+    : services_(services),
+      crowd_(services.deadlines,
+             {services.config.front.max_connections,
+              services.config.front.max_connections_per_address},
+             "connections of users", users_count, services.metrics.user_connections_turned_away,
+             [this] { listener_.look_again(); }),
+      listener_(
+          services.executor, services.deadlines,
+          [this](Socket socket) { welcome(std::move(socket)); },
+          [this] { return crowd_.has_room(); }) {}
 Front::~Front() = default;
 
 bool Front::load(std::string& error) {
@@ -52,10 +60,12 @@ void Front::ended(UserConnection& connection) {
 void Front::welcome(Socket socket) {
     Metrics& metrics = services_.metrics;
     ++metrics.user_connections;
-    if (connections_.size() >= services_.config.front.max_connections)
+    error_code ignored;
+    auto client = services_.clients.at(socket.remote_endpoint(ignored).address());
+    if (!crowd_.admits(*client))
         return; // closes it
-    const auto connection =
-        std::make_shared<UserConnection>(*this, services_, std::move(socket), tls_);
+    const auto connection = std::make_shared<UserConnection>(
+        *this, services_, crowd_, std::move(client), std::move(socket), tls_);
     connections_.insert(connection);
     metrics.user_connections_open = connections_.size();
     spawn(

@@ -4,6 +4,7 @@
 #include "base/access_log.h"
 #include "base/clients.h"
 #include "base/config.h"
+#include "base/crowd.h"
 #include "base/deadlines.h"
 #include "base/listen.h"
 #include "base/memory_budget.h"
@@ -54,6 +55,7 @@ private:
 
     Services services_;
     TlsContext tls_;
+    Crowd crowd_;
     Listener listener_;
     bool draining_ = false;
     std::unordered_set<std::shared_ptr<UserConnection>> connections_;

@@ -33,12 +33,14 @@ PageReason unusable(std::string text) {
 
 } // namespace
 
-UserConnection::UserConnection(Front& front, const Front::Services& services, Socket socket,
-                               TlsContext tls)
+UserConnection::UserConnection(Front& front, const Front::Services& services, Crowd& crowd,
+                               std::shared_ptr<Client> client, Socket socket, TlsContext tls)
     : front_(front), services_(services), options_(services.config.front),
       stream_(std::move(socket), std::move(tls)),
-      deadline_(services.deadlines, [this] { stream_.close(); }),
-      client_(services.clients.at(stream_.remote_address())),
+      deadline_(services.deadlines, [this] { stream_.close(); }), client_(std::move(client)),
+      guest_(
+          crowd, client_, [this] { return idle_ && stream_.is_quiet(); },
+          [this] { stream_.close(); }),
       body_memory_(services.budget, {memory(), nullptr}) {}
 
 Awaitable<void> UserConnection::run() {

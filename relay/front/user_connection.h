@@ -17,7 +17,8 @@ namespace relay {
 
 class UserConnection : public std::enable_shared_from_this<UserConnection> {
 public:
-    UserConnection(Front& front, const Front::Services& services, Socket socket, TlsContext tls);
+    UserConnection(Front& front, const Front::Services& services, Crowd& crowd,
+                   std::shared_ptr<Client> client, Socket socket, TlsContext tls);
 
     Awaitable<void> run();
     void close() { stream_.close(); }
@@ -65,6 +66,7 @@ private:
     UserStream stream_;
     Deadline deadline_;
     const std::shared_ptr<Client> client_;
+    Guest guest_;
     Reservation body_memory_;
     std::string input_; // read, not yet consumed
     bool idle_ = true;

@@ -1,5 +1,6 @@
 #include "front/user_stream.h"
 
+#include "base/crowd.h"
 #include "base/text.h"
 
 #include <boost/asio/write.hpp>
@@ -14,8 +15,7 @@ UserStream::UserStream(Socket socket, TlsContext tls)
     if (context_)
         tls_ = std::make_unique<TlsStream>(socket_, *context_);
     error_code ignored;
-    remote_address_ = socket_.remote_endpoint(ignored).address();
-    address_ = to_text(remote_address_);
+    address_ = to_text(socket_.remote_endpoint(ignored).address());
     socket_.set_option(Tcp::no_delay(true), ignored);
 }
 
@@ -49,6 +49,10 @@ Awaitable<bool> UserStream::write(std::string_view first, std::string_view secon
 bool UserStream::is_there() {
     pollfd end{socket_.native_handle(), POLLRDHUP, 0}; // seen behind unread bytes, too
     return socket_.is_open() && poll(&end, 1, 0) == 0;
+}
+
+bool UserStream::is_quiet() {
+    return relay::is_quiet(socket_.native_handle());
 }
 
 Awaitable<void> UserStream::end_output() {

@@ -15,8 +15,7 @@ public:
     UserStream(Socket socket, TlsContext tls);
 
     bool is_tls() const { return tls_ != nullptr; }
-    const asio::ip::address& remote_address() const { return remote_address_; }
-    const std::string& address() const { return address_; } // the same as text
+    const std::string& address() const { return address_; } // without port
 
     Awaitable<bool> handshake();
     // 0: the user is gone.
@@ -26,6 +25,8 @@ public:
 
     // False when the user has hung up, as far as the system knows.
     bool is_there();
+    // Whether nothing has come for a while.
+    bool is_quiet();
     // Says that nothing more comes, which TLS does in a record of its own.
     Awaitable<void> end_output();
     void close();
@@ -35,7 +36,6 @@ private:
     Socket socket_;
     TlsContext context_; // kept: a reload replaces the front's
     std::unique_ptr<TlsStream> tls_;
-    asio::ip::address remote_address_;
     std::string address_;
 };
 

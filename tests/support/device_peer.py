@@ -80,8 +80,10 @@ def _context(version=None):
 class Device(Session):
     """One connection of a device. TLS stands when it is made; nothing has been said."""
 
-    def __init__(self, port, device_id=DEVICE_ID, version=None, receive_buffer=None):
-        """`version`: the only ssl.TLSVersion to offer. `receive_buffer`: bytes the system keeps."""
+    def __init__(self, port, device_id=DEVICE_ID, version=None, receive_buffer=None,
+                 source="127.0.0.1"):
+        """`version`: the only ssl.TLSVersion to offer. `receive_buffer`: bytes the system keeps.
+        `source`: the address it comes from."""
         self.id = device_id
         self._record_bytes = bytearray()
         self._requests = []
@@ -89,6 +91,7 @@ class Device(Session):
         if receive_buffer:
             connection.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
         connection.settimeout(PATIENCE_S)
+        connection.bind((source, 0))
         connection.connect(("127.0.0.1", port))
         connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         super().__init__(connection, _context(version), server_side=False)

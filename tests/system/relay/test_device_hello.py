@@ -194,39 +194,45 @@ def test_renegotiation_is_refused(relay):
 
 # --- many at once ---
 
+@pytest.mark.lasts(3)
 @pytest.mark.relay(options={"devices": {"max_handshakes": 4}})
-def test_too_many_handshakes_crowd_out_the_oldest(relay, connect):
-    oldest, *others = [connect() for _ in range(4)]
-    late = connect()
-    oldest.expect_closed()
-    relay.log.wait_for("too many handshakes are under way")
+def test_a_quiet_handshake_makes_room_for_a_newcomer(relay, connect):
+    quiet = [connect(source=f"127.0.0.{number}") for number in (2, 2, 3, 4)]
+    late = connect().join()  # once one of them has been quiet for a second
+    quiet[0].expect_closed()
+    relay.log.wait_for("too many connections of devices: 1 turned away")
     assert refusals(relay, "crowded_out") == 1
-    for number, device in enumerate([*others, late]):
+    for number, device in enumerate(quiet[1:]):
         device.join(hello_of(f"device-{number}"))
-    assert len(relay.devices()) == 4
+    late.beat()
 
 
-@pytest.mark.relay(options={"devices": {"max_handshakes": 4}})
-def test_a_flood_of_silent_connections_keeps_no_device_out(relay, device):
+@pytest.mark.lasts(4)
+@pytest.mark.relay(options={"devices": {"max_handshakes": 8, "max_handshakes_per_address": 4}})
+def test_a_flood_from_one_address_keeps_no_device_out(relay, device):
     strangers = []
     for number in range(5):
         for _ in range(20):
-            strangers.append(socket.create_connection(("127.0.0.1", relay.device_port)))
+            strangers.append(socket.create_connection(("127.0.0.1", relay.device_port),
+                                                      source_address=("127.0.0.2", 0)))
         with Device(relay.device_port, f"good-{number}") as good:
             good.join().beat()
     device.beat()
-    assert refusals(relay, "crowded_out") >= 90
+    wait_until(lambda: refusals(relay, "crowded_out") >= 90, "they are turned away")
+    assert relay.log.text.count("turned away") == 1
     for stranger in strangers:
         stranger.close()
     wait_until(lambda: relay.metric("relay_handshakes_under_way") == 0, "they are gone")
 
 
 @pytest.mark.relay(options={"devices": {"max_connections": 2}})
-def test_connections_are_capped(relay, connect):
-    first = connect("first").join()
-    second = connect("second").join()
-    with pytest.raises((ssl.SSLError, ConnectionError)):
-        connect("third").join()
-    assert refusals(relay, "crowded_out") == 1
-    first.beat()
+def test_when_all_places_are_taken_newcomers_wait(relay, connect):
+    first, second = connect("first").join(), connect("second").join()
+    with socket.create_connection(("127.0.0.1", relay.device_port)) as waiting:
+        first.beat()
+        second.beat()
+        assert relay.metric("relay_device_connections_total") == 2
+        first.close()
+        wait_until(lambda: relay.metric("relay_device_connections_total") == 3, "it is let in")
+        waiting.close()
     second.beat()

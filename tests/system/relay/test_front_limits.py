@@ -92,7 +92,8 @@ def test_a_device_that_takes_its_time_costs_the_user_no_patience(device, user):
 
 
 @pytest.mark.lasts(4)
-@pytest.mark.relay(options={"front": {"patience_s": 2, "max_connections": 400}})
+@pytest.mark.relay(options={"front": {"patience_s": 2, "max_connections": 400,
+                                      "max_connections_per_address": 400}})
 def test_300_slow_senders_hold_up_nobody(relay, device, user, open_user):
     before = relay.process.resident_kib()
     slow = [open_user() for _ in range(300)]
@@ -110,16 +111,34 @@ def test_300_slow_senders_hold_up_nobody(relay, device, user, open_user):
     user.expect(200)
 
 
+@pytest.mark.lasts(3)
 @pytest.mark.relay(options={"front": {"max_connections": 3}})
-def test_users_connections_are_capped(relay, device, user, open_user):
-    others = [open_user() for _ in range(2)]
-    open_user().expect_closed()
-    others[0].close()
-    wait_until(lambda: relay.metric("relay_user_connections_open") == 2, "one has gone")
+def test_a_user_who_does_nothing_makes_room_for_the_next(relay, device, user, open_user):
+    user.ask("/busy")
+    request = device.expect_request()
+    quiet = [open_user() for _ in range(2)]
     late = open_user()
-    late.ask()
-    device.answer(device.expect_request())
-    late.expect(200)
+    late.ask("/late")
+    quiet[0].expect_closed()  # after it has been quiet for a second
+    for each, asked in ((user, request), (late, device.expect_request())):
+        device.answer(asked)
+        each.expect(200)
+    assert relay.metric("relay_user_connections_turned_away_total") == 1
+
+
+@pytest.mark.relay(options={"front": {"max_connections_per_address": 3}})
+def test_one_address_has_its_share_of_the_connections(relay, device, open_user):
+    crowd = [open_user(source="127.0.0.2") for _ in range(3)]
+    for number, each in enumerate(crowd):
+        each.ask(f"/{number}")
+        wait_until(lambda: relay.devices()[DEVICE_ID]["open"] == number + 1, "it is there")
+    open_user(source="127.0.0.2").expect_closed()
+    relay.log.wait_for("too many connections of users: 1 turned away")
+    other = open_user()
+    other.ask("/other")
+    for each in (*crowd, other):
+        device.answer(device.expect_request())
+        each.expect(200)
 
 
 # --- slow readers ---

@@ -267,6 +267,7 @@ constexpr std::uint64_t two_gib = std::uint64_t{2} << 30;
 const Range ranges[] = {
     {"devices.max_connections", 1, 1000000, VALUE(devices.max_connections)},
     {"devices.max_handshakes", 1, 100000, VALUE(devices.max_handshakes)},
+    {"devices.max_handshakes_per_address", 1, 100000, VALUE(devices.max_handshakes_per_address)},
     {"devices.hello_s", 1, day, VALUE(devices.hello)},
     {"devices.silence_s", 1, day, VALUE(devices.silence)},
     {"devices.answer_s", 1, day, VALUE(devices.answer)},
@@ -275,6 +276,7 @@ const Range ranges[] = {
     {"devices.requests_open", 1, 60000, VALUE(devices.requests_open)},
     {"front.public_port", 0, 65535, VALUE(front.public_port)},
     {"front.max_connections", 1, 1000000, VALUE(front.max_connections)},
+    {"front.max_connections_per_address", 1, 1000000, VALUE(front.max_connections_per_address)},
     {"front.max_header_bytes", 1024, 1 << 20, VALUE(front.max_header_bytes)},
     {"front.max_body_bytes", 0, two_gib, VALUE(front.max_body_bytes)},
     {"front.answer_buffer_bytes", 65536, two_gib, VALUE(front.answer_buffer_bytes)},

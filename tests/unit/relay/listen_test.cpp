@@ -64,6 +64,24 @@ TEST_F(Listening, TakesConnectionsUntilItIsClosed) {
     EXPECT_EQ(taken_, 2);
 }
 
+TEST_F(Listening, TakesNoMoreUntilThereIsRoom) {
+    bool has_room = false;
+    int taken = 0;
+    Listener listener(
+        coroutines_.executor(), deadlines_, [&](Socket) { ++taken; }, [&] { return has_room; });
+    ASSERT_TRUE(listener.listen({"127.0.0.1", 0}, error_)) << error_;
+    Socket waiting(coroutines_.executor());
+    waiting.connect({asio::ip::make_address("127.0.0.1"), listener.port()});
+    coroutines_.settle();
+    EXPECT_EQ(taken, 0);
+    has_room = true;
+    listener.look_again();
+    coroutines_.run_until([&] { return taken == 1; });
+    has_room = false;
+    listener.close();
+    coroutines_.settle();
+}
+
 TEST_F(Listening, GoesOnAfterAConnectionThatCouldNotBeServed) {
     listen();
     each_ = [] { throw std::runtime_error("no room"); };

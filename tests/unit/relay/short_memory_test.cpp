@@ -91,7 +91,7 @@ protected:
     Deadlines deadlines_{coroutines_.executor()};
     Metrics metrics_;
     AccessLog access_log_;
-    Devices devices_{coroutines_.executor(), config_, deadlines_, budget_, metrics_};
+    Devices devices_{coroutines_.executor(), config_, deadlines_, budget_, clients_, metrics_};
     std::uint16_t front_port_ = 0;
     bool draining_ = false;
     std::string error_;

@@ -1,0 +1,104 @@
+#include "base/crowd.h"
+
+#include "base/log.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+namespace relay {
+namespace {
+
+constexpr unsigned quiet_ms = 1000;
+constexpr std::chrono::seconds log_interval{60};
+
+} // namespace
+
+Guest::Guest(Crowd& crowd, std::shared_ptr<Client> client, std::function<bool()> may_go,
+             std::function<void()> send_away)
+    : crowd_(crowd), client_(std::move(client)), may_go_(std::move(may_go)),
+      send_away_(std::move(send_away)) {
+    crowd_.guests_.push_back(*this);
+    ++crowd_.size_;
+    ++crowd_.count_of(*client_);
+}
+
+Guest::~Guest() {
+    if (!is_linked())
+        return; // the crowd has gone first
+    crowd_.guests_.erase(Crowd::Guests::s_iterator_to(*this));
+    --crowd_.size_;
+    crowd_.leaving_ -= is_leaving_;
+    --crowd_.count_of(*client_);
+    crowd_.left_();
+}
+
+Crowd::Crowd(Deadlines& deadlines, Limits limits, std::string_view what, ClientCount count,
+             std::uint64_t& turned_away, std::function<void()> left)
+    : limits_(limits), what_(what), count_(count), turned_away_(turned_away),
+      left_(std::move(left)), log_again_(deadlines, [this] { log_turned_away(); }) {}
+
+bool Crowd::has_room() {
+    if (size_ < limits_.all)
+        return true;
+    if (size_ - leaving_ < limits_.all)
+        return false; // one is on his way out
+    if (Guest* const guest = most_idle(nullptr))
+        send_away(*guest);
+    return false;
+}
+
+bool Crowd::admits(const Client& client) {
+    if (count_of(client) < limits_.of_one_address)
+        return true;
+    if (Guest* const guest = most_idle(&client)) {
+        send_away(*guest);
+        return true;
+    }
+    note_turned_away();
+    return false;
+}
+
+// One who may go: of `client`, or of the address that has most; of several the oldest.
+Guest* Crowd::most_idle(const Client* client) {
+    Guest* found = nullptr;
+    for (Guest& guest : guests_) {
+        const bool is_candidate =
+            client ? guest.client_.get() == client && !found
+                   : !found || count_of(*guest.client_) > count_of(*found->client_);
+        if (is_candidate && !guest.is_leaving_ && guest.may_go_())
+            found = &guest;
+    }
+    return found;
+}
+
+void Crowd::send_away(Guest& guest) {
+    guest.is_leaving_ = true;
+    ++leaving_;
+    note_turned_away();
+    guest.send_away_();
+}
+
+// The first one at once, the others once a minute: a flood must not become one of the log.
+void Crowd::note_turned_away() {
+    ++turned_away_;
+    if (log_again_.time() == Clock::time_point::max())
+        log_turned_away();
+}
+
+void Crowd::log_turned_away() {
+    if (turned_away_ == logged_)
+        return;
+    log::warning("too many ", what_, ": ", turned_away_ - logged_, " turned away");
+    logged_ = turned_away_;
+    log_again_.set(log_interval);
+}
+
+bool is_quiet(int socket) {
+    tcp_info info{};
+    socklen_t size = sizeof info;
+    return getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 &&
+           info.tcpi_last_data_recv > quiet_ms;
+}
+
+} // namespace relay
