@@ -71,6 +71,8 @@ Awaitable<void> Listener::take_all() {
 // The next connection. A shortage of descriptors is waited out; false when the listener is closed.
 Awaitable<bool> Listener::take(Socket& socket) {
     error_code error;
+    // Room is asked for, and made, only when somebody wants to come in.
+    co_await acceptor_.async_wait(Acceptor::wait_read, into(error));
     while (acceptor_.is_open() && !has_room_())
         co_await room_.wait(Clock::now() + shortage_pause);
     co_await acceptor_.async_accept(socket, into(error));
