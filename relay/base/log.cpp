@@ -2,6 +2,8 @@
 
 #include "base/text.h"
 
+#include <algorithm>
+
 #include <unistd.h>
 
 namespace relay::log {
@@ -18,17 +20,42 @@ std::string_view name_of(Level level) {
     }
 }
 
+// The length in bytes of the character at the beginning of `text`; 0 when those bytes are not
+// UTF-8, or stand for a control character: of a terminal (ASCII's and C1), of lines, or of
+// direction, which lets a line be read in another order than it was written.
+std::size_t printable_length(std::string_view text) {
+    const auto first = static_cast<unsigned char>(text[0]);
+    if (first < 0x80)
+        return first >= 0x20 && first != 0x7f;
+    const std::size_t length = first < 0xc2 ? 0 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
+    if (length == 0 || first > 0xf4 || text.size() < length)
+        return 0;
+    char32_t character = first & (0x7f >> length);
+    for (const char c : text.substr(1, length - 1)) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x80 || byte > 0xbf)
+            return 0;
+        character = character << 6 | (byte & 0x3f);
+    }
+    const bool is_control = character < 0xa0 || character == 0x61c || character == 0x200e ||
+                            character == 0x200f || (character >= 0x2028 && character <= 0x202e) ||
+                            (character >= 0x2066 && character <= 0x2069);
+    return is_control ? 0 : length;
+}
+
 void append_printable(std::string& line, std::string_view text) {
     constexpr char digits[] = "0123456789abcdef";
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte >= 0x20 && byte != 0x7f) {
-            line += c;
-            continue;
+    while (!text.empty()) {
+        const std::size_t length = printable_length(text);
+        if (length > 0) {
+            line += text.substr(0, length);
+        } else {
+            const auto byte = static_cast<unsigned char>(text[0]);
+            line += "\\x";
+            line += digits[byte >> 4];
+            line += digits[byte & 15];
         }
-        line += "\\x";
-        line += digits[byte >> 4];
-        line += digits[byte & 15];
+        text.remove_prefix(std::max<std::size_t>(length, 1));
     }
 }
 

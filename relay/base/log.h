@@ -1,5 +1,6 @@
 // relay_server's log: one line an event on standard error, in one write, "time level text".
-// What comes from outside may stand in a line: control characters are shown as \xNN.
+// What comes from outside may stand in a line: what a terminal or a reader could be fooled by, and
+// what is not UTF-8, is shown as \xNN.
 #pragma once
 
 #include <new>
