@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include <csignal>
+#include <getopt.h>
 #include <malloc.h>
 #include <sys/resource.h>
 
@@ -30,6 +31,10 @@ int fail(const std::string& sentence) {
     return 2;
 }
 
+std::string unknown(std::string_view argument) {
+    return "unknown argument \"" + std::string(argument) + "\"; --help lists what there is";
+}
+
 struct Options {
     const char* config = nullptr;
     bool check = false;
@@ -39,21 +44,32 @@ struct Options {
 
 // Empty, or what is wrong.
 std::string parse(int count, char** arguments, Options& options) {
-    for (int i = 1; i < count; ++i) {
-        const std::string_view argument = arguments[i];
-        if (argument == "--config" && i + 1 < count)
-            options.config = arguments[++i];
-        else if (argument == "--config")
-            return "--config wants a file";
-        else if (argument == "--check")
+    static constexpr option known[] = {{"config", required_argument, nullptr, 'c'},
+                                       {"check", no_argument, nullptr, 'k'},
+                                       {"help", no_argument, nullptr, 'h'},
+                                       {"version", no_argument, nullptr, 'v'},
+                                       {}};
+    opterr = 0; // one sentence of our own instead
+    while (true) {
+        const std::string_view argument = optind < count ? arguments[optind] : "";
+        const int found = getopt_long(count, arguments, "+:", known, nullptr);
+        if (found == -1)
+            break;
+        if (found == 'c')
+            options.config = optarg;
+        else if (found == 'k')
             options.check = true;
-        else if (argument == "--help")
+        else if (found == 'h')
             options.help = true;
-        else if (argument == "--version")
+        else if (found == 'v')
             options.version = true;
+        else if (found == ':')
+            return std::string(argument) + " wants a file";
         else
-            return "unknown argument \"" + std::string(argument) + "\"; --help lists what there is";
+            return unknown(argument);
     }
+    if (optind < count)
+        return unknown(arguments[optind]);
     if (!options.config && !options.help && !options.version)
         return "no configuration given; --help says how";
     return {};
@@ -96,12 +112,17 @@ int run(int count, char** arguments) {
     relay::Relay relay(std::move(*config));
     if (!relay.load(error))
         return fail(error);
+    const std::string shortage = relay.shortage();
     if (options.check) {
+        if (!shortage.empty())
+            std::fprintf(stderr, "relay_server: %s\n", shortage.c_str());
         std::puts("relay_server: the configuration and the files it names are in order");
         return 0;
     }
     if (!relay.listen(error))
         return fail(error);
+    if (!shortage.empty())
+        relay::log::warning(shortage);
     relay.run();
     return 0;
 }

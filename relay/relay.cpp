@@ -4,11 +4,13 @@
 #include "base/log.h"
 
 #include <csignal>
+#include <sys/resource.h>
 
 namespace relay {
 namespace {
 
 constexpr std::chrono::seconds farewell{2};
+constexpr std::size_t other_descriptors = 32; // listeners, logs, what libraries open
 
 } // namespace
 
@@ -18,9 +20,10 @@ Relay::Relay(Config config)
       devices_(context_.get_executor(), config_, deadlines_, budget_, clients_, metrics_),
       front_({context_.get_executor(), config_, deadlines_, budget_, clients_, metrics_,
               access_log_, devices_}),
-      admin_({context_.get_executor(), config_, deadlines_, budget_, metrics_, devices_,
+      admin_({context_.get_executor(), config_, deadlines_, budget_, clients_, metrics_, devices_,
               front_port_, draining_}),
-      signals_(context_, SIGTERM, SIGINT, SIGHUP), drained_(deadlines_, [this] { end(); }) {}
+      signals_(context_, SIGTERM, SIGINT, SIGHUP), doors_(deadlines_, [this] { close_doors(); }),
+      drained_(deadlines_, [this] { end(); }) {}
 
 bool Relay::load(std::string& error) {
     return devices_.load_certificate(error) && devices_.load_policy(error) && front_.load(error) &&
@@ -35,6 +38,16 @@ bool Relay::listen(std::string& error) {
     log::info("users come to ", config_.front.listen.host, " port ", front_port_);
     log::info("operators come to ", config_.admin.listen.host, " port ", admin_.port());
     return true;
+}
+
+std::string Relay::shortage() const {
+    const auto wanted = config_.devices.max_connections + config_.front.max_connections + Admin::max_connections + other_descriptors;
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= wanted)
+        return {};
+    return "the limits in the configuration allow connections that need " + std::to_string(wanted) +
+           " descriptors, and this process may have " + std::to_string(limit.rlim_cur) +
+           ": lower max_connections, or raise the limit of open files";
 }
 
 void Relay::run() {
@@ -84,19 +97,26 @@ void Relay::reload() {
         log::info("reloaded certificates, policy, token and access log");
 }
 
+// Load balancers ask for /healthz and hear 503 from now on. Until they have, they send users and
+// devices here, who are let in for half of the time.
 void Relay::drain() {
-    log::info("draining: nobody comes in, open requests have ", config_.drain.count(), " s");
+    log::info("draining: everything ends within ", config_.drain.count(),
+              " s, and nobody comes in during the second half of them");
     draining_ = true;
+    doors_.set(Clock::duration(config_.drain) / 2);
+    drained_.set(config_.drain);
+}
+
+void Relay::close_doors() {
+    log::info("draining: nobody comes in any more, open requests finish");
+    doors_are_closed_ = true;
     devices_.drain();
     front_.drain();
-    drained_.set(config_.drain);
-    if (front_.is_idle())
-        end();
 }
 
 void Relay::each_sweep() {
     access_log_.flush();
-    if (draining_ && front_.is_idle())
+    if (doors_are_closed_ && front_.is_idle())
         end();
 }
 

@@ -19,6 +19,9 @@ public:
     // Reads every file that the configuration names. False: `error` says what is wrong with one.
     bool load(std::string& error);
     bool listen(std::string& error);
+    // One sentence when the connections that the configuration allows need more descriptors than
+    // the process may have; empty when there are enough.
+    std::string shortage() const;
     // Serves until SIGTERM or SIGINT and the drain after it.
     void run();
 
@@ -27,6 +30,7 @@ private:
     void obey(int number);
     void reload();
     void drain();
+    void close_doors();
     void each_sweep();
     void end();
 
@@ -41,9 +45,12 @@ private:
     Front front_;
     std::uint16_t front_port_ = 0;
     bool draining_ = false;
+    bool doors_are_closed_ = false;
     Admin admin_;
     asio::signal_set signals_;
-    Deadline drained_; // no later than this
+    // A drain's two steps: nobody comes in from the first on, everything has ended by the second.
+    Deadline doors_;
+    Deadline drained_;
 };
 
 } // namespace relay

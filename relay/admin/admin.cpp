@@ -24,7 +24,8 @@ namespace {
 
 constexpr std::chrono::seconds patience{10};
 constexpr std::chrono::seconds idle{60};
-constexpr std::size_t max_connections = 256;
+constexpr std::chrono::seconds failed_login_pause{1};
+constexpr std::size_t max_connections_per_address = 64;
 constexpr std::size_t max_web_token_bytes = 64 << 10;
 
 // What the device is asked; it wants a body and looks at none of it.
@@ -41,29 +42,81 @@ void refuse(Admin::Response& response, http::status status, std::string_view why
         json::serialize(json::object{{"error", json::string_view(why.data(), why.size())}}) + "\n");
 }
 
+// Empty for an empty path. Nothing when the file has none: `error` says why.
+std::optional<std::string> read_token(const std::string& path, std::string& error) {
+    if (path.empty())
+        return "";
+    const auto text = read_file(path, error);
+    if (!text)
+        return std::nullopt;
+    const auto end = text->find_last_not_of(" \t\r\n");
+    if (end == std::string::npos) {
+        error = path + " holds no token";
+        return std::nullopt;
+    }
+    return text->substr(0, end + 1);
+}
+
 std::string time_or_empty(std::chrono::system_clock::time_point time) {
     return time == std::chrono::system_clock::time_point{} ? "" : iso_time(time);
 }
 
 } // namespace
 
+struct Admin::Connection {
+    Connection(Crowd& crowd, std::shared_ptr<Client> client, Socket its_socket)
+        : socket(std::move(its_socket)),
+          guest(
+              crowd, std::move(client),
+              [this] { return is_idle && is_quiet(socket.native_handle()); },
+              [this] {
+                  error_code ignored;
+                  socket.close(ignored);
+              }) {
+        error_code ignored;
+        address = to_text(socket.remote_endpoint(ignored).address());
+    }
+
+    Socket socket;
+    std::string address; // of the operator
+    bool is_idle = true;
+    Guest guest;
+};
+
+// The place of a device among those that are asked for a token; also when the asking breaks off.
+struct Admin::Asked {
+    ~Asked() {
+        if (!owner.expired())
+            devices.erase(place);
+    }
+
+    std::set<std::string>& devices;
+    const std::set<std::string>::iterator place;
+    const std::weak_ptr<const void> owner; // of the set
+};
+
 Admin::Admin(const Services& services)
-    : services_(services), listener_(services.executor, services.deadlines,
-                                     [this](Socket socket) { welcome(std::move(socket)); }) {}
+    : services_(services),
+      failed_logins_(services.deadlines, services.metrics.admin_logins_failed,
+                     [](std::uint64_t number) {
+                         log::warning("operators' listener: ", number,
+                                      " requests without the token that they need");
+                     }),
+      crowd_(services.deadlines, {max_connections, max_connections_per_address},
+             "connections of operators", operators_count,
+             services.metrics.admin_connections_turned_away, [this] { listener_.look_again(); }),
+      listener_(
+          services.executor, services.deadlines,
+          [this](Socket socket) { welcome(std::move(socket)); },
+          [this] { return crowd_.has_room(); }) {}
 
 bool Admin::load(std::string& error) {
-    const auto& path = services_.config.admin.token_file;
-    if (path.empty())
-        return true;
-    const auto text = read_file(path, error);
-    if (!text)
+    const auto& options = services_.config.admin;
+    const auto all = read_token(options.token_file, error);
+    const auto metrics = read_token(options.metrics_token_file, error);
+    if (!all || !metrics)
         return false;
-    const auto end = text->find_last_not_of(" \t\r\n");
-    if (end == std::string::npos) {
-        error = path + " holds no token";
-        return false;
-    }
-    token_ = text->substr(0, end + 1);
+    tokens_ = {*all, *metrics};
     return true;
 }
 
@@ -78,29 +131,35 @@ std::uint16_t Admin::port() const {
 void Admin::close_all() {
     listener_.close();
     error_code ignored;
-    for (Socket* const socket : connections_)
-        socket->close(ignored);
+    for (Connection* const connection : connections_)
+        connection->socket.close(ignored);
 }
 
 void Admin::welcome(Socket socket) {
-    if (connections_.size() >= max_connections)
+    error_code ignored;
+    auto client = services_.clients.at(socket.remote_endpoint(ignored).address());
+    if (!crowd_.admits(*client))
         return; // closes it
-    const auto connection = std::make_shared<Socket>(std::move(socket));
+    const auto connection =
+        std::make_shared<Connection>(crowd_, std::move(client), std::move(socket));
     connections_.insert(connection.get());
     spawn(
         services_.executor, alive_, [&] { return serve(connection); },
         [this, connection] { connections_.erase(connection.get()); });
 }
 
-Awaitable<void> Admin::serve(std::shared_ptr<Socket> socket) {
-    Deadline deadline(services_.deadlines, [&socket] { socket->close(); });
+Awaitable<void> Admin::serve(std::shared_ptr<Connection> connection) {
+    Socket& socket = connection->socket;
+    Deadline deadline(services_.deadlines, [&socket] { socket.close(); });
     boost::beast::flat_buffer buffer;
     error_code error;
     for (bool goes_on = true; goes_on;) {
         AdminParser parser;
         limit_admin_request(parser);
         deadline.set(idle);
-        co_await http::async_read(*socket, buffer, parser, into(error));
+        connection->is_idle = true;
+        co_await http::async_read(socket, buffer, parser, into(error));
+        connection->is_idle = false;
         if (error)
             break;
         const Request request = parser.release();
@@ -108,34 +167,32 @@ Awaitable<void> Admin::serve(std::shared_ptr<Socket> socket) {
         response.version(11);
         response.set(http::field::cache_control, "no-store");
         deadline.clear(); // a device may take its time
-        co_await answer(request, response);
+        co_await answer(*connection, request, response);
         response.keep_alive(request.keep_alive());
         goes_on = request.keep_alive();
         response.prepare_payload();
         if (request.method() == http::verb::head)
             response.body().clear();
         deadline.set(patience);
-        co_await http::async_write(*socket, response, into(error));
+        co_await http::async_write(socket, response, into(error));
         goes_on = goes_on && !error;
     }
-    connections_.erase(socket.get());
+    connections_.erase(connection.get());
 }
 
-Awaitable<void> Admin::answer(const Request& request, Response& response) {
+Awaitable<void> Admin::answer(const Connection& connection, const Request& request,
+                              Response& response) {
     using What = AdminCall::What;
     const auto call = admin_call_of(request);
-    const bool is_allowed = is_admin_allowed(request, token_);
+    const bool is_allowed = is_admin_allowed(request, call.what, tokens_);
     if (call.what == What::health) {
         set(response, services_.draining ? http::status::service_unavailable : http::status::ok,
             "text/plain", services_.draining ? "draining\n" : "ok\n");
-    } else if (call.what == What::dashboard && (!token_.empty() || is_allowed)) {
+    } else if (call.what == What::dashboard && (!tokens_.all.empty() || is_allowed)) {
         response.set("Content-Security-Policy", dashboard_policy);
         set(response, http::status::ok, "text/html; charset=utf-8", dashboard_page);
     } else if (!is_allowed) {
-        response.set(http::field::www_authenticate, "Bearer");
-        refuse(response, http::status::unauthorized,
-               token_.empty() ? "the request must name this listener by address or as localhost"
-                              : "the bearer token is missing or wrong");
+        co_await refuse_login(request, response);
     } else if (call.what == What::devices) {
         set(response, http::status::ok, "application/json", devices_json());
     } else if (call.what == What::metrics) {
@@ -147,7 +204,7 @@ Awaitable<void> Admin::answer(const Request& request, Response& response) {
     } else if (call.what == What::web_token && is_from_elsewhere(request)) {
         refuse(response, http::status::forbidden, "the request comes from another site's page");
     } else if (call.what == What::web_token) {
-        co_await web_token(call.device_id, response);
+        co_await web_token(connection, call.device_id, response);
     } else if (call.what == What::wrong_method) {
         response.set(http::field::allow, call.device_id.empty() ? "GET, HEAD" : "POST");
         refuse(response, http::status::method_not_allowed, "that is not what can be done here");
@@ -156,12 +213,39 @@ Awaitable<void> Admin::answer(const Request& request, Response& response) {
     }
 }
 
-Awaitable<void> Admin::web_token(std::string device_id, Response& response) {
+// Only who sends a token is made to wait: without one there is nothing to guess.
+Awaitable<void> Admin::refuse_login(const Request& request, Response& response) {
+    failed_logins_.add();
+    response.set(http::field::www_authenticate, "Bearer");
+    refuse(response, http::status::unauthorized,
+           tokens_.all.empty() && request[http::field::authorization].empty()
+               ? "without a token this listener is for requests that come straight from this "
+                 "machine and name it by address or as localhost"
+               : "the bearer token is missing or wrong");
+    if (request[http::field::authorization].empty())
+        co_return;
+    error_code ignored;
+    Timer pause(services_.executor, failed_login_pause);
+    co_await pause.async_wait(into(ignored));
+}
+
+// A device is asked once at a time: somebody who asks in a loop keeps nobody else from it.
+Awaitable<void> Admin::web_token(const Connection& connection, std::string device_id,
+                                 Response& response) {
     const auto session = services_.devices.find(device_id);
     if (!session) {
         refuse(response, http::status::not_found, "no device of that id is connected");
         co_return;
     }
+    const auto [place, is_first] = asked_for_tokens_.insert(device_key(device_id));
+    if (!is_first) {
+        refuse(response, http::status::too_many_requests,
+               "the device is being asked for its web token already");
+        co_return;
+    }
+    const Asked asked{asked_for_tokens_, place, alive_};
+    log::info("the operator at ", connection.address, " asks device ", device_id,
+              " for its web token");
     const auto exchange = std::make_shared<Exchange>(
         Exchange::Surroundings{services_.executor,
                                services_.deadlines,

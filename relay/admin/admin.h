@@ -8,11 +8,14 @@
 //
 // With a token, everything but /healthz and the dashboard's page, which holds no data, wants
 // "Authorization: Bearer TOKEN". Without one the listener is on a loopback address, and requests
-// must name such a host: a page from elsewhere in an operator's browser then gets nothing.
+// must come straight from this machine. A wrong token is answered after a second, so that one
+// address has no more guesses a second than connections. Idle connections give way to newcomers.
 #pragma once
 
 #include "admin/admin_request.h"
+#include "base/clients.h"
 #include "base/config.h"
+#include "base/crowd.h"
 #include "base/deadlines.h"
 #include "base/listen.h"
 #include "base/memory_budget.h"
@@ -32,11 +35,14 @@ public:
     using Request = AdminRequest;
     using Response = http::response<http::string_body>;
 
+    static constexpr std::size_t max_connections = 256;
+
     struct Services {
         Executor executor;
         const Config& config;
         Deadlines& deadlines;
         MemoryBudget& budget;
+        Clients& clients;
         Metrics& metrics;
         Devices& devices;
         const std::uint16_t& front_port;
@@ -45,23 +51,32 @@ public:
 
     explicit Admin(const Services& services);
 
-    // Reads the token, when there is one. False: nothing has changed, and `error` says why.
+    // Reads the tokens, where there are any. False: nothing has changed, and `error` says why.
     bool load(std::string& error);
     bool listen(std::string& error);
     std::uint16_t port() const;
     void close_all();
 
 private:
+    struct Connection;
+    struct Asked;
+
     void welcome(Socket socket);
-    Awaitable<void> serve(std::shared_ptr<Socket> socket);
-    Awaitable<void> answer(const Request& request, Response& response);
-    Awaitable<void> web_token(std::string device_id, Response& response);
+    Awaitable<void> serve(std::shared_ptr<Connection> connection);
+    Awaitable<void> answer(const Connection& connection, const Request& request,
+                           Response& response);
+    Awaitable<void> refuse_login(const Request& request, Response& response);
+    Awaitable<void> web_token(const Connection& connection, std::string device_id,
+                              Response& response);
     std::string devices_json() const;
 
     Services services_;
-    std::string token_;
+    AdminTokens tokens_;
+    std::set<std::string> asked_for_tokens_; // keys of devices
+    Tally failed_logins_;
+    Crowd crowd_;
     Listener listener_;
-    std::set<Socket*> connections_;
+    std::set<Connection*> connections_;
     const std::shared_ptr<const void> alive_ = std::make_shared<char>(); // the first to go
 };
 

@@ -7,6 +7,7 @@
 #include <openssl/crypto.h>
 
 #include <algorithm>
+#include <array>
 
 namespace relay {
 namespace {
@@ -32,6 +33,26 @@ bool is_literal_host(std::string_view host) {
     error_code no_address;
     asio::ip::make_address(std::string(host), no_address);
     return !no_address || equals_ignoring_case(host, "localhost");
+}
+
+// What proxies add to requests that they pass on.
+bool was_passed_on(const AdminRequest& request) {
+    constexpr std::array<std::string_view, 5> traces = {"Via", "Forwarded", "X-Forwarded-For",
+                                                        "X-Forwarded-Host", "X-Real-IP"};
+    return std::any_of(traces.begin(), traces.end(), [&request](std::string_view name) {
+        return request.count(boost::beast::string_view(name.data(), name.size())) > 0;
+    });
+}
+
+bool has_token(const AdminRequest& request, std::string_view token) {
+    const std::string_view credentials = request[http::field::authorization];
+    constexpr std::string_view scheme = "Bearer ";
+    if (!equals_ignoring_case(credentials.substr(0, scheme.size()), scheme))
+        return false;
+    // Hashes are of one length, and say nothing by the time that comparing them takes.
+    const auto given = sha256(credentials.substr(scheme.size()));
+    const auto wanted = sha256(token);
+    return CRYPTO_memcmp(given.data(), wanted.data(), wanted.size()) == 0;
 }
 
 } // namespace
@@ -61,17 +82,14 @@ AdminCall admin_call_of(const AdminRequest& request) {
             std::string(device)};
 }
 
-bool is_admin_allowed(const AdminRequest& request, std::string_view token) {
-    if (token.empty())
-        return is_literal_host(request[http::field::host]);
-    const std::string_view credentials = request[http::field::authorization];
-    constexpr std::string_view scheme = "Bearer ";
-    if (!equals_ignoring_case(credentials.substr(0, scheme.size()), scheme))
-        return false;
-    // Hashes are of one length, and say nothing by the time that comparing them takes.
-    const auto given = sha256(credentials.substr(scheme.size()));
-    const auto wanted = sha256(token);
-    return CRYPTO_memcmp(given.data(), wanted.data(), wanted.size()) == 0;
+bool is_admin_allowed(const AdminRequest& request, AdminCall::What what,
+                      const AdminTokens& tokens) {
+    if (!tokens.all.empty() && has_token(request, tokens.all))
+        return true;
+    if (what == AdminCall::What::metrics && !tokens.metrics.empty())
+        return has_token(request, tokens.metrics);
+    return tokens.all.empty() && is_literal_host(request[http::field::host]) &&
+           !was_passed_on(request);
 }
 
 bool is_from_elsewhere(const AdminRequest& request) {

@@ -27,9 +27,17 @@ struct AdminCall {
 
 AdminCall admin_call_of(const AdminRequest& request);
 
-// Whether the request carries the token or, where there is none, names this listener by an address
-// or as localhost: a name can be made to point here by whoever owns it.
-bool is_admin_allowed(const AdminRequest& request, std::string_view token);
+// The bearer tokens of operators and of those who collect the metrics; empty where there is none.
+struct AdminTokens {
+    std::string all;     // opens everything
+    std::string metrics; // opens the metrics alone
+};
+
+// Whether the request carries a token that opens what it asks for or, where there is none, comes
+// straight from this machine: it names this listener by an address or as localhost, since another
+// name can be made to point here by whoever owns it, and no proxy has passed it on, whose own
+// address would speak for everybody behind it.
+bool is_admin_allowed(const AdminRequest& request, AdminCall::What what, const AdminTokens& tokens);
 
 // True for what a page of another site sends.
 bool is_from_elsewhere(const AdminRequest& request);

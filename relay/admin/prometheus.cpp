@@ -98,6 +98,12 @@ std::string to_prometheus(const Metrics& metrics, const Gauges& gauges) {
     page.single("user_connections_turned_away_total", counter,
                 "Connections of users that were refused, or closed while idle, for others.",
                 d(metrics.user_connections_turned_away));
+    page.single("admin_connections_turned_away_total", counter,
+                "Connections of operators that were refused, or closed while idle, for others.",
+                d(metrics.admin_connections_turned_away));
+    page.single("admin_logins_failed_total", counter,
+                "Requests to the admin listener without the token that they need.",
+                d(metrics.admin_logins_failed));
     page.begin("requests_total", counter,
                "Requests by status; 0: the user left first, 2xx: an unknown status of that class.");
     for (const auto& [status, count] : metrics.requests_by_status) {

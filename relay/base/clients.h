@@ -11,7 +11,7 @@
 namespace relay {
 
 // Which connections of an address are counted.
-enum ClientCount { newcomers_count, users_count, client_counts };
+enum ClientCount { newcomers_count, users_count, operators_count, client_counts };
 
 // Owned by the connections from one address.
 struct Client {

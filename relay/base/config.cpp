@@ -118,6 +118,7 @@ void read_admin(const boost::json::value& value, const std::string& folder, Admi
     JsonReader reader(value, "admin.", error);
     read_listen(reader, options.listen);
     read_path(reader, "token_file", folder, options.token_file);
+    read_path(reader, "metrics_token_file", folder, options.metrics_token_file);
     if (options.token_file.empty() && !asio::ip::make_address(options.listen.host).is_loopback())
         reader.fail("token_file", "must name a file with the bearer token, since admin.listen can "
                                   "be reached from outside this machine");
@@ -151,6 +152,7 @@ std::optional<Config> parse_config(std::string_view text, const std::string& pat
     read_front(section("front"), folder, config.front, error);
     read_admin(section("admin"), folder, config.admin, error);
     read_path(reader, "access_log", folder, config.access_log);
+    reader.yes_or_no("access_log_query", config.access_log_query);
     reader.number("memory_bytes", config.memory_bytes, 1 << 20, std::uint64_t{1} << 40);
     reader.seconds("drain_s", config.drain, 0, most_seconds);
     reader.finish();

@@ -52,7 +52,8 @@ struct FrontOptions {
 
 struct AdminOptions {
     ListenAddress listen{"127.0.0.1", 9090};
-    std::string token_file; // path; needed when `listen` is not a loopback address
+    std::string token_file;         // path; needed when `listen` is not a loopback address
+    std::string metrics_token_file; // path; this token opens /metrics and nothing else
 };
 
 struct Config {
@@ -60,6 +61,7 @@ struct Config {
     FrontOptions front;
     AdminOptions admin;
     std::string access_log = "-"; // path; "-": standard output; empty: none
+    bool access_log_query = true; // targets with their query strings
     std::size_t memory_bytes = 256 << 20;
     std::chrono::seconds drain{10};
 };

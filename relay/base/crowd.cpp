@@ -10,7 +10,6 @@ namespace relay {
 namespace {
 
 constexpr unsigned quiet_ms = 1000;
-constexpr std::chrono::seconds log_interval{60};
 
 } // namespace
 
@@ -35,8 +34,12 @@ Guest::~Guest() {
 
 Crowd::Crowd(Deadlines& deadlines, Limits limits, std::string_view what, ClientCount count,
              std::uint64_t& turned_away, std::function<void()> left)
-    : limits_(limits), what_(what), count_(count), turned_away_(turned_away),
-      left_(std::move(left)), log_again_(deadlines, [this] { log_turned_away(); }) {}
+    : limits_(limits), count_(count),
+      turned_away_(deadlines, turned_away,
+                   [what](std::uint64_t number) {
+                       log::warning("too many ", what, ": ", number, " turned away");
+                   }),
+      left_(std::move(left)) {}
 
 bool Crowd::has_room() {
     if (size_ < limits_.all)
@@ -55,7 +58,7 @@ bool Crowd::admits(const Client& client) {
         send_away(*guest);
         return true;
     }
-    note_turned_away();
+    turned_away_.add();
     return false;
 }
 
@@ -75,23 +78,8 @@ Guest* Crowd::most_idle(const Client* client) {
 void Crowd::send_away(Guest& guest) {
     guest.is_leaving_ = true;
     ++leaving_;
-    note_turned_away();
+    turned_away_.add();
     guest.send_away_();
-}
-
-// The first one at once, the others once a minute: a flood must not become one of the log.
-void Crowd::note_turned_away() {
-    ++turned_away_;
-    if (log_again_.time() == Clock::time_point::max())
-        log_turned_away();
-}
-
-void Crowd::log_turned_away() {
-    if (turned_away_ == logged_)
-        return;
-    log::warning("too many ", what_, ": ", turned_away_ - logged_, " turned away");
-    logged_ = turned_away_;
-    log_again_.set(log_interval);
 }
 
 bool is_quiet(int socket) {

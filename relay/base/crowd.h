@@ -7,7 +7,7 @@
 #pragma once
 
 #include "base/clients.h"
-#include "base/deadlines.h"
+#include "base/tally.h"
 
 #include <boost/intrusive/list.hpp>
 
@@ -67,19 +67,14 @@ private:
     std::size_t count_of(const Client& client) const { return client.connections[count_]; }
     Guest* most_idle(const Client* client);
     void send_away(Guest& guest);
-    void note_turned_away();
-    void log_turned_away();
 
     const Limits limits_;
-    const std::string_view what_;
     const ClientCount count_;
-    std::uint64_t& turned_away_;
-    std::uint64_t logged_ = 0; // of turned_away_
+    Tally turned_away_;
     const std::function<void()> left_;
     Guests guests_; // the oldest first
     std::size_t size_ = 0;
     std::size_t leaving_ = 0; // of them, sent away
-    Deadline log_again_;
 };
 
 // Whether nothing has come in on a connection for a second: what does nothing may go.

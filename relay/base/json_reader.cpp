@@ -88,6 +88,16 @@ bool JsonReader::text(std::string_view key, std::string& target) {
     return true;
 }
 
+void JsonReader::yes_or_no(std::string_view key, bool& target) {
+    const auto* value = member(key);
+    if (!value)
+        return;
+    if (const auto* given = value->if_bool())
+        target = *given;
+    else
+        fail(key, "must be true or false");
+}
+
 void JsonReader::whole_number(std::string_view key, std::uint64_t& target, std::uint64_t least,
                               std::uint64_t most) {
     const auto* value = member(key);

@@ -27,6 +27,7 @@ public:
     JsonReader(const boost::json::value& value, std::string where, std::string& error);
 
     bool text(std::string_view key, std::string& target); // true when it was there
+    void yes_or_no(std::string_view key, bool& target);
     void whole_number(std::string_view key, std::uint64_t& target, std::uint64_t least,
                       std::uint64_t most);
     const boost::json::value* member(std::string_view key); // null when missing

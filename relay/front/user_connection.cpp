@@ -385,11 +385,13 @@ void UserConnection::account(const Turn& turn) {
     const auto& request = turn.parser.get();
     metrics.bytes_from_users += turn.body_bytes;
     metrics.bytes_to_users += turn.sent_bytes;
+    std::string_view target = request.target();
+    if (!services_.config.access_log_query)
+        target = target.substr(0, target.find('?'));
     services_.access_log.add({std::chrono::system_clock::now(), stream_.address(),
                               turn.route ? std::string_view(turn.route->device_id) : "",
-                              std::string_view(request.method_string()),
-                              std::string_view(request.target()), status, turn.body_bytes,
-                              turn.sent_bytes, duration, turn.page.note});
+                              std::string_view(request.method_string()), target, status,
+                              turn.body_bytes, turn.sent_bytes, duration, turn.page.note});
 }
 
 } // namespace relay

@@ -26,6 +26,7 @@ json::object devices(const relay::DeviceOptions& o) {
             {"policy", o.policy},
             {"max_connections", o.max_connections},
             {"max_handshakes", o.max_handshakes},
+            {"max_handshakes_per_address", o.max_handshakes_per_address},
             {"hello_s", o.hello.count()},
             {"silence_s", o.silence.count()},
             {"answer_s", o.answer.count()},
@@ -42,6 +43,7 @@ json::object front(const relay::FrontOptions& o) {
             {"public_port", o.public_port},
             {"device_host", o.device_host},
             {"max_connections", o.max_connections},
+            {"max_connections_per_address", o.max_connections_per_address},
             {"max_header_bytes", o.max_header_bytes},
             {"max_body_bytes", o.max_body_bytes},
             {"answer_buffer_bytes", o.answer_buffer_bytes},
@@ -51,14 +53,16 @@ json::object front(const relay::FrontOptions& o) {
 }
 
 std::string file_of(const relay::Config& config) {
-    return json::serialize(json::object{
-        {"devices", devices(config.devices)},
-        {"front", front(config.front)},
-        {"admin",
-         {{"listen", listen(config.admin.listen)}, {"token_file", config.admin.token_file}}},
-        {"access_log", config.access_log},
+    return json::serialize(json::object{{"devices", devices(config.devices)},
+                                        {"front", front(config.front)},
+                                        {"admin",
+                                         {{"listen", listen(config.admin.listen)},
+                                          {"token_file", config.admin.token_file},
+                                          {"metrics_token_file", config.admin.metrics_token_file}}},
+                                        {"access_log", config.access_log},
+                                        {"access_log_query", config.access_log_query},
         {"memory_bytes", config.memory_bytes},
-        {"drain_s", config.drain.count()}});
+                                        {"drain_s", config.drain.count()}});
 }
 
 void check_listen(const relay::ListenAddress& address) {

@@ -58,6 +58,7 @@ class RelayServer:
             "front": {"listen": f"{ADDRESS}:0"},
             "admin": {"listen": f"{ADDRESS}:0"},
             "access_log": str(self.access_log),
+            "drain_s": 0,
         }
         if self.front_is_tls:
             configuration["front"] |= {"certificate": "front.pem", "key": "front.key"}
@@ -166,9 +167,9 @@ class RelayServer:
     def wait_for_no_device(self, device_id):
         wait_until(lambda: device_id not in self.devices(), f"{device_id} is gone")
 
-    def metric(self, name):
+    def metric(self, name, headers=None):
         """A sample of /metrics, by name with its labels as they stand there."""
-        _, body = self.admin("/metrics")
+        _, body = self.admin("/metrics", headers=headers)
         for line in body.splitlines():
             if line.startswith(f"{name} "):
                 return float(line.rpartition(" ")[2])

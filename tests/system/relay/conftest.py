@@ -31,8 +31,7 @@ def make_relay(request, places, authority):
     with contextlib.ExitStack() as running:
         def make(policy=None, options=None, front_tls=False):
             folder = places.scratch / f"relay-{next(_numbers)}"
-            relay = RelayServer(folder, authority.certificate(), policy, {"drain_s": 2,
-                                **(options or {})},
+            relay = RelayServer(folder, authority.certificate(), policy, options,
                                 authority.certificate("front.test") if front_tls else None)
             request.node.started_relays.append(relay)
             running.callback(lambda: relay.process and relay.__exit__(None, None, None))

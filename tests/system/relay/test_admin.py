@@ -5,6 +5,7 @@ import re
 import socket
 import threading
 import time
+from concurrent.futures import ThreadPoolExecutor
 from datetime import datetime, timezone
 
 import pytest
@@ -384,11 +385,16 @@ def test_bound_elsewhere_a_token_is_asked_for(guarded):
     guarded.start()
     with Device(guarded.device_port) as device:
         device.join()
-        for headers in ({}, bearer("wrong"), bearer(""), bearer(TOKEN + "x"), bearer(TOKEN[:-1]),
-                        {"Authorization": f"Basic {TOKEN}"}, {"Authorization": TOKEN}):
-            for target in ("/api/devices", "/metrics", "/nothing"):
-                assert guarded.admin(target, headers=headers)[0] == 401
-            assert ask_token(guarded, headers=headers)()[0] == 401
+        refused = [{}, bearer("wrong"), bearer(""), bearer(TOKEN + "x"), bearer(TOKEN[:-1]),
+                   {"Authorization": f"Basic {TOKEN}"}, {"Authorization": TOKEN}]
+        calls = [("/api/devices", "GET"), ("/metrics", "GET"), ("/nothing", "GET"),
+                 (f"/api/devices/{DEVICE_ID}/web-token", "POST")]
+        with ThreadPoolExecutor(30) as at_once:  # each wrong token is answered after a second
+            answers = [at_once.submit(guarded.admin, *call, headers)
+                       for headers in refused for call in calls]
+            assert {answer.result()[0] for answer in answers} == {401}
+        assert guarded.metric("relay_admin_logins_failed_total", bearer(TOKEN)) == 28
+        assert guarded.log.text.count("requests without the token that they need") == 1
         device.beat()
         for scheme in ("Bearer", "bearer"):
             headers = {"Authorization": f"{scheme} {TOKEN}", "Host": "relay.example"}
@@ -418,6 +424,76 @@ def test_bound_elsewhere_without_a_token_file_it_does_not_start(make_relay, list
     finished = run(program("relay_server"), "--config", relay.configuration)
     assert finished.status == 2
     assert re.fullmatch(r"relay_server: .*admin.token_file must name a file.*\n", finished.errors)
+
+
+@pytest.mark.lasts(2)
+def test_a_wrong_token_is_answered_after_a_second(guarded):
+    guarded.start()
+    started = time.monotonic()
+    assert guarded.admin("/metrics", headers=bearer("wrong"))[0] == 401
+    assert time.monotonic() - started > 0.99
+    guarded.log.wait_for("warning operators' listener: 1 requests without the token")
+
+
+def test_a_token_of_its_own_opens_the_metrics_alone(make_relay):
+    relay = make_relay(options={"admin": {"listen": "0.0.0.0:0", "token_file": "token",
+                                          "metrics_token_file": "metrics_token"}})
+    (relay.folder / "token").write_text(TOKEN)
+    (relay.folder / "metrics_token").write_text("collector\n")
+    relay.start()
+    assert relay.admin("/metrics", headers=bearer("collector"))[0] == 200
+    assert relay.admin("/metrics", headers=bearer(TOKEN))[0] == 200
+    assert relay.admin("/api/devices", headers=bearer("collector"))[0] == 401
+    assert relay.admin("/api/devices", headers=bearer(TOKEN))[0] == 200
+    assert relay.admin("/metrics")[0] == 401
+
+
+def test_a_metrics_token_is_wanted_on_loopback_too(make_relay):
+    relay = make_relay(options={"admin": {"metrics_token_file": "metrics_token"}})
+    (relay.folder / "metrics_token").write_text("collector")
+    relay.start()
+    assert relay.admin("/metrics")[0] == 401
+    assert relay.admin("/metrics", headers=bearer("collector"))[0] == 200
+    assert relay.admin("/api/devices")[0] == 200
+
+
+@pytest.mark.parametrize("trace", [
+    {"Via": "1.1 proxy"}, {"Forwarded": "for=192.0.2.7"}, {"X-Forwarded-For": "192.0.2.7"},
+    {"X-Forwarded-Host": "relay.example"}, {"x-real-ip": "192.0.2.7"}])
+def test_behind_a_proxy_only_a_token_lets_in(relay, guarded, trace):
+    """A proxy's own address speaks for everybody who comes through it."""
+    for target in ("/api/devices", "/metrics", "/"):
+        assert relay.admin(target, headers=trace)[0] == 401
+    guarded.start()
+    assert guarded.admin("/api/devices", headers={**trace, **bearer(TOKEN)})[0] == 200
+
+
+@pytest.mark.lasts(3)
+def test_idle_connections_do_not_keep_others_from_healthz(relay):
+    strangers = [socket.create_connection(("127.0.0.1", relay.admin_port),
+                                          source_address=(f"127.0.0.{2 + number % 8}", 0))
+                 for number in range(300)]
+    assert relay.admin("/healthz") == (200, "ok\n")
+    assert relay.metric("relay_admin_connections_turned_away_total") > 0
+    relay.log.wait_for("too many connections of operators")
+    for stranger in strangers:
+        stranger.close()
+
+
+def test_a_device_is_asked_for_its_token_once_at_a_time(relay, device, connect):
+    first = ask_token(relay)
+    request = device.expect_token_request()
+    relay.log.wait_for(f"info the operator at 127.0.0.1 asks device {DEVICE_ID} for its web token")
+    assert ask_token(relay)()[0] == 429
+    assert ask_token(relay, DEVICE_ID.upper())()[0] == 429
+    other = connect("other").join()
+    second = ask_token(relay, "other")
+    other.answer_token(other.expect_token_request(), b"{}")
+    device.answer_token(request, b"{}")
+    assert first()[0] == second()[0] == 200
+    again = ask_token(relay)
+    device.answer_token(device.expect_token_request(), b"{}")
+    assert again()[0] == 200
 
 
 # --- access log ---
@@ -459,6 +535,14 @@ def test_what_users_send_stays_on_its_line(relay, device, user):
     serve_one(device, user, target="/\\u000a\xe4\xff{}")
     line, = logged(relay, 1)
     assert line["target"] == "/\\u000a\xe4\xff{}"
+
+
+@pytest.mark.relay(options={"access_log_query": False})
+def test_query_strings_may_be_left_out(relay, device, user):
+    request, _ = serve_one(device, user, target="/login?token=secret?x")
+    assert b"GET /login?token=secret?x HTTP" in request.raw
+    line, = logged(relay, 1)
+    assert line["target"] == "/login"
 
 
 def test_rotation(relay, device, user):

@@ -50,6 +50,8 @@ def test_a_start_without_descriptors_is_refused_in_a_sentence(make_relay):
     (["--check"], "no configuration given; --help says how"),
     (["--config"], "--config wants a file"),
     (["--wrong"], 'unknown argument "--wrong"; --help lists what there is'),
+    (["-x"], 'unknown argument "-x"; --help lists what there is'),
+    (["--check=all"], 'unknown argument "--check=all"; --help lists what there is'),
     (["relay_server.json"], 'unknown argument "relay_server.json"; --help lists what there is'),
     (["--help", "--wrong"], 'unknown argument "--wrong"; --help lists what there is'),
     (["--config", "/nowhere"], "/nowhere cannot be read: No such file or directory"),
@@ -59,12 +61,29 @@ def test_wrong_arguments(arguments, sentence):
     assert said(relay_server(*arguments)) == sentence
 
 
+FEW = {"devices": {"max_connections": 20}, "front": {"max_connections": 20}}
+
+
 def test_check_reads_every_file_and_listens_nowhere(make_relay):
-    relay = make_relay()
+    relay = make_relay(options=FEW)
     finished = relay_server("--config", relay.configuration, "--check")
     assert (finished.status, finished.errors) == (0, "")
     assert finished.output == (
         "relay_server: the configuration and the files it names are in order\n")
+
+
+SHORTAGE = (r"the limits in the configuration allow connections that need 328 descriptors, and "
+            r"this process may have 300: lower max_connections, or raise the limit of open files\n")
+
+
+def test_limits_beyond_the_system_s_descriptors_are_told(make_relay):
+    relay = make_relay(options=FEW)
+    few = ["prlimit", "--nofile=300:300", program("relay_server"), "--config", relay.configuration]
+    finished = run(*few, "--check")
+    assert finished.status == 0 and re.fullmatch(f"relay_server: {SHORTAGE}", finished.errors)
+    with Process(*few) as process:
+        process.errors.wait_for(f"warning {SHORTAGE}")
+        assert process.stop() == 0
 
 
 def test_paths_count_from_the_configuration_s_folder(make_relay):
