@@ -3,6 +3,8 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
@@ -25,6 +27,16 @@ bool is_serving(const std::string& path) {
         connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
     close(fd);
     return serving;
+}
+
+// What the kernel knows of a process: where it waits, and which signals are blocked or pending.
+std::string state_of(pid_t pid) {
+    std::ostringstream state;
+    for (const char* const name : {"status", "wchan", "syscall", "stack"}) {
+        std::ifstream file("/proc/" + std::to_string(pid) + "/" + name);
+        state << name << ": " << std::string(std::istreambuf_iterator<char>(file), {}) << '\n';
+    }
+    return state.str();
 }
 
 } // namespace
@@ -63,7 +75,11 @@ void BrokerProcess::start() {
 int BrokerProcess::end_with(int signal) {
     ::kill(m_pid, signal);
     int status = 0;
-    EXPECT_EQ(TEMP_FAILURE_RETRY(waitpid(m_pid, &status, 0)), m_pid);
+    if (!wait_until([&] { return waitpid(m_pid, &status, WNOHANG) == m_pid; })) {
+        ADD_FAILURE() << "the broker does not end on signal " << signal << ":\n" << state_of(m_pid);
+        ::kill(m_pid, SIGKILL);
+        EXPECT_EQ(TEMP_FAILURE_RETRY(waitpid(m_pid, &status, 0)), m_pid);
+    }
     m_pid = -1;
     return status;
 }
