@@ -12,6 +12,16 @@ namespace {
 constexpr std::chrono::seconds farewell{2};
 constexpr std::size_t other_descriptors = 32; // listeners, logs, what libraries open
 
+constexpr std::chrono::seconds renewal_interval{2};
+
+std::vector<std::string> paths_of(const CertificateFiles& first,
+                                  const std::vector<CertificateFiles>& more) {
+    std::vector<std::string> paths = {first.certificate, first.key};
+    for (const auto& files : more)
+        paths.insert(paths.end(), {files.certificate, files.key});
+    return paths;
+}
+
 } // namespace
 
 Relay::Relay(Config config)
@@ -22,8 +32,11 @@ Relay::Relay(Config config)
               access_log_, devices_}),
       admin_({context_.get_executor(), config_, deadlines_, budget_, clients_, metrics_, devices_,
               front_port_, draining_}),
-      signals_(context_, SIGTERM, SIGINT, SIGHUP), doors_(deadlines_, [this] { close_doors(); }),
-      drained_(deadlines_, [this] { end(); }) {}
+      signals_(context_, SIGTERM, SIGINT, SIGHUP),
+      device_certificate_(paths_of(config_.devices.tls, {})),
+      front_certificates_(paths_of(config_.front.tls, config_.front.more_certificates)),
+      look_again_(deadlines_, [this] { look_for_renewed_certificates(); }),
+      doors_(deadlines_, [this] { close_doors(); }), drained_(deadlines_, [this] { end(); }) {}
 
 bool Relay::load(std::string& error) {
     return devices_.load_certificate(error) && devices_.load_policy(error) && front_.load(error) &&
@@ -41,7 +54,8 @@ bool Relay::listen(std::string& error) {
 }
 
 std::string Relay::shortage() const {
-    const auto wanted = config_.devices.max_connections + config_.front.max_connections + Admin::max_connections + other_descriptors;
+    const auto wanted = config_.devices.max_connections + config_.front.max_connections +
+                        Admin::max_connections + other_descriptors;
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= wanted)
         return {};
@@ -53,6 +67,7 @@ std::string Relay::shortage() const {
 void Relay::run() {
     deadlines_.start([this] { each_sweep(); });
     wait_for_signal();
+    look_again_.set(renewal_interval);
     run_through([this] { context_.run(); });
     // Everything is closed; what still ran to its end on that gives back what it holds.
     context_.restart();
@@ -93,8 +108,26 @@ void Relay::reload() {
     check(front_.load(error));
     check(admin_.load(error));
     check(access_log_.open(config_.access_log, error));
+    device_certificate_.forget_changes();
+    front_certificates_.forget_changes();
     if (all_well)
         log::info("reloaded certificates, policy, token and access log");
+}
+
+// Certificates are renewed by programs that know nothing of this one.
+void Relay::look_for_renewed_certificates() {
+    const auto take_over = [](std::string_view whose, auto& part, auto load_anew) {
+        std::string error;
+        if ((part.*load_anew)(error))
+            log::info("the certificate of the ", whose, " has been renewed");
+        else
+            log::error("the renewed certificate of the ", whose, " is not taken over: ", error);
+    };
+    if (device_certificate_.has_changed())
+        take_over("devices' side", devices_, &Devices::load_certificate);
+    if (front_certificates_.has_changed())
+        take_over("users' side", front_, &Front::load);
+    look_again_.set(renewal_interval);
 }
 
 // Load balancers ask for /healthz and hear 503 from now on. Until they have, they send users and

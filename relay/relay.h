@@ -4,6 +4,7 @@
 #include "admin/admin.h"
 #include "base/access_log.h"
 #include "base/config.h"
+#include "base/file_watch.h"
 #include "front/front.h"
 
 #include <boost/asio/signal_set.hpp>
@@ -29,6 +30,7 @@ private:
     void wait_for_signal();
     void obey(int number);
     void reload();
+    void look_for_renewed_certificates();
     void drain();
     void close_doors();
     void each_sweep();
@@ -48,6 +50,9 @@ private:
     bool doors_are_closed_ = false;
     Admin admin_;
     asio::signal_set signals_;
+    FileWatch device_certificate_;
+    FileWatch front_certificates_;
+    Deadline look_again_;
     // A drain's two steps: nobody comes in from the first on, everything has ended by the second.
     Deadline doors_;
     Deadline drained_;

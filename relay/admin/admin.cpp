@@ -293,7 +293,7 @@ std::string Admin::devices_json() const {
             {"bytes_in", figures.bytes_in},
             {"bytes_out", figures.bytes_out},
             {"last_error", figures.last_error},
-            {"url", (front.certificate.empty() ? "http://" : "https://") +
+            {"url", (front.tls.certificate.empty() ? "http://" : "https://") +
                         device_key(hello.device_id) + "." + front.base_domain + ":" +
                         std::to_string(port) + "/"},
         });

@@ -58,15 +58,44 @@ bool is_host_name(std::string_view text) {
            text.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789-.") == text.npos;
 }
 
+// Where one of the two is given, the other must be, too.
+void read_certificate(JsonReader& reader, const std::string& folder, CertificateFiles& target) {
+    read_path(reader, "certificate", folder, target.certificate);
+    read_path(reader, "key", folder, target.key);
+    if (target.certificate.empty() != target.key.empty())
+        reader.fail(target.key.empty() ? "key" : "certificate",
+                    "must name a file, since the other one of certificate and key does");
+}
+
+void read_more_certificates(JsonReader& reader, const std::string& folder, FrontOptions& options,
+                            std::string& error) {
+    constexpr std::string_view key = "more_certificates";
+    const auto* value = reader.member(key);
+    if (!value)
+        return;
+    const auto* list = value->if_array();
+    if (!list)
+        return reader.fail(key, "must be a list of objects with certificate and key");
+    if (!list->empty() && options.tls.certificate.empty())
+        return reader.fail(key, "needs front.certificate, for users who ask for none of the names");
+    for (const auto& entry : *list) {
+        JsonReader files(entry, "front.more_certificates.", error);
+        read_certificate(files, folder, options.more_certificates.emplace_back());
+        if (options.more_certificates.back().certificate.empty())
+            files.fail("certificate", "must name a file");
+        files.finish();
+    }
+}
+
 void read_devices(const boost::json::value& value, const std::string& folder,
                   DeviceOptions& options, std::string& error) {
     JsonReader reader(value, "devices.", error);
     read_listen(reader, options.listen);
-    read_path(reader, "certificate", folder, options.certificate);
-    read_path(reader, "key", folder, options.key);
+    read_path(reader, "certificate", folder, options.tls.certificate);
+    read_path(reader, "key", folder, options.tls.key);
     read_path(reader, "policy", folder, options.policy);
     for (const auto& [key, path] :
-         {std::pair("certificate", &options.certificate), std::pair("key", &options.key),
+         {std::pair("certificate", &options.tls.certificate), std::pair("key", &options.tls.key),
           std::pair("policy", &options.policy)})
         if (path->empty())
             reader.fail(key, "must name a file");
@@ -88,11 +117,8 @@ void read_front(const boost::json::value& value, const std::string& folder, Fron
                 std::string& error) {
     JsonReader reader(value, "front.", error);
     read_listen(reader, options.listen);
-    read_path(reader, "certificate", folder, options.certificate);
-    read_path(reader, "key", folder, options.key);
-    if (options.certificate.empty() != options.key.empty())
-        reader.fail(options.key.empty() ? "key" : "certificate",
-                    "must name a file, since the other one of certificate and key does");
+    read_certificate(reader, folder, options.tls);
+    read_more_certificates(reader, folder, options, error);
     reader.text("base_domain", options.base_domain);
     options.base_domain = lower_case(options.base_domain);
     if (!is_host_name(options.base_domain))

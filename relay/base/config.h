@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace relay {
 
@@ -17,11 +18,16 @@ struct ListenAddress {
     std::uint16_t port = 0;
 };
 
+// Paths of PEM files. The certificate has its chain.
+struct CertificateFiles {
+    std::string certificate;
+    std::string key;
+};
+
 struct DeviceOptions {
     ListenAddress listen{"0.0.0.0", 8443};
-    std::string certificate; // path, PEM, with its chain
-    std::string key;         // path, PEM
-    std::string policy;      // path; see devices/policy.h
+    CertificateFiles tls;
+    std::string policy; // path; see devices/policy.h
     std::size_t max_connections = 20000;
     std::size_t max_handshakes = 256; // TLS and hello under way
     std::size_t max_handshakes_per_address = 64;
@@ -35,8 +41,8 @@ struct DeviceOptions {
 
 struct FrontOptions {
     ListenAddress listen{"0.0.0.0", 8080};
-    std::string certificate; // both paths empty: plain HTTP
-    std::string key;
+    CertificateFiles tls;                            // both paths empty: plain HTTP
+    std::vector<CertificateFiles> more_certificates; // for users who ask for their names
     std::string base_domain = "localhost";
     std::uint16_t public_port = 0; // 0: the one listened on
     std::string device_host = "127.0.0.1";

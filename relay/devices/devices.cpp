@@ -20,7 +20,7 @@ Devices::Devices(const Executor& executor, const Config& config, Deadlines& dead
           [this] { return has_room(); }) {}
 
 bool Devices::load_certificate(std::string& error) {
-    auto tls = make_tls_context(options_.certificate, options_.key, error);
+    auto tls = make_tls_context(options_.tls, error);
     if (!tls)
         return false;
     prefer_ciphers_of_small_processors(*tls);

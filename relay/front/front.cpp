@@ -22,9 +22,9 @@ Front::~Front() = default;
 
 bool Front::load(std::string& error) {
     const auto& options = services_.config.front;
-    if (options.certificate.empty())
+    if (options.tls.certificate.empty())
         return true;
-    auto tls = make_tls_context(options.certificate, options.key, error);
+    auto tls = make_tls_context(options.tls, options.more_certificates, error);
     if (!tls)
         return false;
     tls_ = std::move(tls);

@@ -21,8 +21,8 @@ std::string listen(const relay::ListenAddress& address) {
 
 json::object devices(const relay::DeviceOptions& o) {
     return {{"listen", listen(o.listen)},
-            {"certificate", o.certificate},
-            {"key", o.key},
+            {"certificate", o.tls.certificate},
+            {"key", o.tls.key},
             {"policy", o.policy},
             {"max_connections", o.max_connections},
             {"max_handshakes", o.max_handshakes},
@@ -36,9 +36,13 @@ json::object devices(const relay::DeviceOptions& o) {
 }
 
 json::object front(const relay::FrontOptions& o) {
+    json::array more;
+    for (const auto& files : o.more_certificates)
+        more.push_back(json::object{{"certificate", files.certificate}, {"key", files.key}});
     return {{"listen", listen(o.listen)},
-            {"certificate", o.certificate},
-            {"key", o.key},
+            {"certificate", o.tls.certificate},
+            {"key", o.tls.key},
+            {"more_certificates", std::move(more)},
             {"base_domain", o.base_domain},
             {"public_port", o.public_port},
             {"device_host", o.device_host},
@@ -61,7 +65,7 @@ std::string file_of(const relay::Config& config) {
                                           {"metrics_token_file", config.admin.metrics_token_file}}},
                                         {"access_log", config.access_log},
                                         {"access_log_query", config.access_log_query},
-        {"memory_bytes", config.memory_bytes},
+                                        {"memory_bytes", config.memory_bytes},
                                         {"drain_s", config.drain.count()}});
 }
 
@@ -84,7 +88,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     check_listen(config->front.listen);
     check_listen(config->admin.listen);
     REQUIRE(config->devices.requests_open >= config->devices.requests_out);
-    REQUIRE(config->front.certificate.empty() == config->front.key.empty());
+    REQUIRE(config->front.tls.certificate.empty() == config->front.tls.key.empty());
     const std::string file = file_of(*config);
     const auto again = relay::parse_config(file, "/etc/relay.json", error);
     REQUIRE(again && file_of(*again) == file);

@@ -114,6 +114,18 @@ WRONG = {
     "listen-text-behind": ({"front": {"listen": "127.0.0.1:80x"}}, "front.listen .* numeric"),
     "base-domain": ({"front": {"base_domain": "a b"}}, "front.base_domain .* host name"),
     "device-host": ({"front": {"device_host": "a\r\nX: y"}}, "front.device_host .* must be a host"),
+    "more-certificates-no-list": ({"front": {"more_certificates": {}}},
+                                  "front.more_certificates is {}; it must be a list"),
+    "more-certificates-alone": ({"front": {"more_certificates": [{}]}},
+                                r"front.more_certificates is \[{}\]; it needs front.certificate"),
+    "more-certificates-no-key": (
+        {"front": {"certificate": "relay.pem", "key": "relay.key",
+                   "more_certificates": [{"certificate": "relay.pem"}]}},
+        "front.more_certificates.key must name a file"),
+    "more-certificates-empty": (
+        {"front": {"certificate": "relay.pem", "key": "relay.key", "more_certificates": [{}]}},
+        "front.more_certificates.certificate must name a file"),
+    "query-no-boolean": ({"access_log_query": 1}, "access_log_query is 1; it must be true or false"),
     "certificate-alone": ({"front": {"certificate": "relay.pem"}}, "front.key must name a file"),
     "key-alone": ({"front": {"key": "relay.key"}}, "front.certificate must name a file"),
     "no-certificate": ({"devices": {"certificate": ""}}, 'devices.certificate is ""; it must name'),

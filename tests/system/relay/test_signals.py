@@ -1,4 +1,4 @@
-"""SIGHUP takes new files over, SIGTERM lets open requests finish."""
+"""SIGHUP and renewal take new files over, SIGTERM lets open requests finish."""
 
 import os
 import signal
@@ -72,6 +72,44 @@ def test_a_key_of_another_certificate_keeps_the_old_ones(relay, authority, devic
     relay.reload()
     relay.log.wait_for("not reloaded: .*relay.key is no")
     assert connect("other").join().relay_certificate() == device.relay_certificate()
+
+
+@pytest.mark.lasts(4)
+@pytest.mark.relay(front_tls=True)
+def test_renewed_certificates_are_shown_without_a_signal(relay, authority, device, connect,
+                                                         open_user):
+    """The programs that renew them know nothing of the relay."""
+    new = authority.certificate("new.test", "rsa")
+    relay.use_certificate(new)
+    relay.use_front_certificate(new)
+    relay.log.wait_for("info the certificate of the devices' side has been renewed")
+    relay.log.wait_for("info the certificate of the users' side has been renewed")
+    assert connect("other").join().relay_certificate() == pem_to_der(new)
+    assert open_user().socket.getpeercert(binary_form=True) == pem_to_der(new)
+    device.beat()
+
+
+@pytest.mark.lasts(4)
+def test_a_renewed_certificate_that_is_broken_is_told_once(relay, device, connect):
+    relay.certificate.write_text("nonsense")
+    relay.log.wait_for("error the renewed certificate of the devices' side is not taken over: "
+                       ".*relay.pem is no usable certificate")
+    assert connect("other").join().relay_certificate() == device.relay_certificate()
+    assert relay.log.text.count("not taken over") == 1
+
+
+def test_users_are_shown_the_certificate_of_the_name_they_ask_for(make_relay, authority):
+    other = authority.certificate("other.test")
+    relay = make_relay(front_tls=True, options={"front": {"more_certificates": [
+        {"certificate": str(other.certificate), "key": str(other.key)}]}}).start()
+    shown = {}
+    for name in ("other.test", "front.test", "elsewhere.test"):
+        context = ssl._create_unverified_context()
+        with socket.create_connection(("127.0.0.1", relay.front_port)) as plain:
+            with context.wrap_socket(plain, server_hostname=name) as secured:
+                shown[name] = secured.getpeercert(binary_form=True)
+    front = pem_to_der(authority.certificate("front.test"))
+    assert shown == {"other.test": pem_to_der(other), "front.test": front, "elsewhere.test": front}
 
 
 def test_a_reload_in_the_middle_of_everything_disturbs_nothing(relay, device, user):

@@ -74,7 +74,7 @@ TEST_F(ConfigFile, NeedsThreeFilesAndNothingElse) {
     EXPECT_EQ(config.devices.answer.count(), 60);
     EXPECT_EQ(config.devices.requests_out, 4u);
     EXPECT_EQ(config.front.base_domain, "localhost");
-    EXPECT_EQ(config.front.certificate, "");
+    EXPECT_EQ(config.front.tls.certificate, "");
     EXPECT_EQ(config.access_log, "-");
     EXPECT_EQ(config.drain.count(), 10);
 }
@@ -104,11 +104,11 @@ TEST_F(ConfigFile, PathsCountFromItsFolder) {
         "front": { "certificate": "f.pem", "key": "f.key" },
         "admin": { "token_file": "token" }
     })");
-    EXPECT_EQ(config.devices.certificate, folder_.file("tls/c.pem"));
-    EXPECT_EQ(config.devices.key, "/abs/k.pem");
+    EXPECT_EQ(config.devices.tls.certificate, folder_.file("tls/c.pem"));
+    EXPECT_EQ(config.devices.tls.key, "/abs/k.pem");
     EXPECT_EQ(config.devices.policy, folder_.file("../p.json"));
-    EXPECT_EQ(config.front.certificate, folder_.file("f.pem"));
-    EXPECT_EQ(config.front.key, folder_.file("f.key"));
+    EXPECT_EQ(config.front.tls.certificate, folder_.file("f.pem"));
+    EXPECT_EQ(config.front.tls.key, folder_.file("f.key"));
     EXPECT_EQ(config.admin.token_file, folder_.file("token"));
 }
 
@@ -120,7 +120,7 @@ TEST_F(ConfigFile, NamedWithoutAFolderHasPathsAsTheyStand) {
     const auto config = load_config("relay.json", error_);
     std::filesystem::current_path(before);
     ASSERT_TRUE(config) << error_;
-    EXPECT_EQ(config->devices.certificate, "c");
+    EXPECT_EQ(config->devices.tls.certificate, "c");
 }
 
 TEST_F(ConfigFile, AccessLogMayBeOffOrStandardOutput) {
