@@ -109,6 +109,7 @@ int run(int count, char** arguments) {
     std::signal(SIGPIPE, SIG_IGN); // of a log that nobody reads; sockets say it by error
     raise_descriptor_limit();
     give_large_blocks_back();
+    const relay::log::Background log;
     relay::Relay relay(std::move(*config));
     if (!relay.load(error))
         return fail(error);

@@ -31,7 +31,7 @@ Relay::Relay(Config config)
       front_({context_.get_executor(), config_, deadlines_, budget_, clients_, metrics_,
               access_log_, devices_}),
       admin_({context_.get_executor(), config_, deadlines_, budget_, clients_, metrics_, devices_,
-              front_port_, draining_}),
+              access_log_, front_port_, draining_}),
       signals_(context_, SIGTERM, SIGINT, SIGHUP),
       device_certificate_(paths_of(config_.devices.tls, {})),
       front_certificates_(paths_of(config_.front.tls, config_.front.more_certificates)),
@@ -157,7 +157,7 @@ void Relay::end() {
     front_.close_all();
     devices_.close_all();
     admin_.close_all();
-    access_log_.flush();
+    access_log_.finish();
     deadlines_.stop();
     signals_.cancel();
     context_.stop();

@@ -196,9 +196,13 @@ Awaitable<void> Admin::answer(const Connection& connection, const Request& reque
     } else if (call.what == What::devices) {
         set(response, http::status::ok, "application/json", devices_json());
     } else if (call.what == What::metrics) {
-        const Gauges gauges{services_.devices.count(), services_.devices.handshakes(),
-                            services_.devices.open_exchanges(), services_.budget.used,
-                            services_.budget.limit};
+        const Gauges gauges{services_.devices.count(),
+                            services_.devices.handshakes(),
+                            services_.devices.open_exchanges(),
+                            services_.budget.used,
+                            services_.budget.limit,
+                            log::lost_lines(),
+                            services_.access_log.lost_lines()};
         set(response, http::status::ok, "text/plain; version=0.0.4",
             to_prometheus(services_.metrics, gauges));
     } else if (call.what == What::web_token && is_from_elsewhere(request)) {

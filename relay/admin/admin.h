@@ -13,6 +13,7 @@
 #pragma once
 
 #include "admin/admin_request.h"
+#include "base/access_log.h"
 #include "base/clients.h"
 #include "base/config.h"
 #include "base/crowd.h"
@@ -45,6 +46,7 @@ public:
         Clients& clients;
         Metrics& metrics;
         Devices& devices;
+        const AccessLog& access_log;
         const std::uint16_t& front_port;
         const bool& draining;
     };

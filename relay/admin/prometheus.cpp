@@ -104,6 +104,10 @@ std::string to_prometheus(const Metrics& metrics, const Gauges& gauges) {
     page.single("admin_logins_failed_total", counter,
                 "Requests to the admin listener without the token that they need.",
                 d(metrics.admin_logins_failed));
+    page.begin("log_lines_lost_total", counter,
+               "Lines that a disk or a reader was too slow, too full or not there for.");
+    page.sample(d(gauges.log_lines_lost), "log=\"events\"");
+    page.sample(d(gauges.access_log_lines_lost), "log=\"access\"");
     page.begin("requests_total", counter,
                "Requests by status; 0: the user left first, 2xx: an unknown status of that class.");
     for (const auto& [status, count] : metrics.requests_by_status) {

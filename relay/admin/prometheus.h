@@ -4,6 +4,7 @@
 #include "base/metrics.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace relay {
@@ -15,6 +16,8 @@ struct Gauges {
     std::size_t exchanges_open;
     std::size_t memory_used_bytes;
     std::size_t memory_limit_bytes;
+    std::uint64_t log_lines_lost;
+    std::uint64_t access_log_lines_lost;
 };
 
 std::string to_prometheus(const Metrics& metrics, const Gauges& gauges);

@@ -5,9 +5,12 @@
 
 #include <boost/json/serialize.hpp>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <system_error>
+#include <utility>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -16,6 +19,7 @@ namespace relay {
 namespace {
 
 constexpr std::size_t flush_bytes = 64 << 10;
+constexpr std::chrono::seconds patience{2};
 
 // A target may hold any bytes, JSON only UTF-8: bytes that are no ASCII are written as the
 // characters of Latin-1.
@@ -49,12 +53,6 @@ void append(std::string& line, std::string_view key, std::uint64_t number) {
 
 } // namespace
 
-AccessLog::~AccessLog() {
-    flush();
-    if (file_ > STDERR_FILENO)
-        close(file_);
-}
-
 bool AccessLog::open(const std::string& path, std::string& error) {
     flush();
     int file = -1;
@@ -66,16 +64,22 @@ bool AccessLog::open(const std::string& path, std::string& error) {
         error = path + " cannot be written: " + std::strerror(errno);
         return false;
     }
-    if (file_ > STDERR_FILENO)
-        close(file_);
-    file_ = file;
-    lines_.clear(); // the rest of a cut line belongs to the former file
-    is_cut_ = false;
+    std::unique_ptr<BackgroundWriter> writer;
+    try {
+        if (file >= 0)
+            writer = std::make_unique<BackgroundWriter>(
+                [lines = std::make_shared<LineFile>(file, "access log", lost_)](
+                    std::string_view text) { lines->write(text); });
+    } catch (const std::system_error& failure) {
+        error = path + " cannot be written: " + failure.what();
+        return false;
+    }
+    writer_ = std::move(writer);
     return true;
 }
 
 void AccessLog::add(const AccessRecord& record) {
-    if (file_ < 0)
+    if (!writer_)
         return;
     char milliseconds[32];
     std::snprintf(milliseconds, sizeof milliseconds, "%.3f", record.duration.count());
@@ -96,27 +100,21 @@ void AccessLog::add(const AccessRecord& record) {
         flush();
 }
 
-// A reader that is gone, or a full disk, must not stop the relay: lines are lost then, but none is
-// cut. The rest of a line of which the file took a part leads the next flush.
 void AccessLog::flush() {
-    if (file_ < 0 || lines_.empty())
+    if (!writer_ || lines_.empty())
         return;
-    const bool begins_within_line = is_cut_;
-    const auto written = write(file_, lines_.data(), lines_.size());
-    const int reason = errno;
-    const std::size_t taken = written > 0 ? static_cast<std::size_t>(written) : 0;
-    const bool is_whole = taken == lines_.size();
-    is_cut_ = taken > 0 ? lines_[taken - 1] != '\n' : begins_within_line;
-    lines_.erase(0, taken);
-    lines_.resize(is_cut_ ? lines_.find('\n') + 1 : 0);
-    if (is_whole == is_losing_) {
-        is_losing_ = !is_whole;
-        if (is_whole)
-            log::info("the access log is written again");
-        else
-            log::error("lines of the access log are lost: ",
-                       written < 0 ? std::strerror(reason) : "a part of them was written");
-    }
+    const bool was_behind = std::exchange(is_behind_, !writer_->add(lines_));
+    if (is_behind_)
+        *lost_ += static_cast<std::uint64_t>(std::count(lines_.begin(), lines_.end(), '\n'));
+    if (is_behind_ && !was_behind)
+        log::error("lines of the access log are lost: they come faster than they are written");
+    lines_.clear();
+}
+
+void AccessLog::finish() {
+    flush();
+    if (writer_)
+        writer_->finish(patience);
 }
 
 } // namespace relay

@@ -1,8 +1,12 @@
 // The access log: one JSON line a request, for machines.
 #pragma once
 
+#include "base/background_writer.h"
+#include "base/line_file.h"
+
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -21,26 +25,24 @@ struct AccessRecord {
     std::string_view note; // why the relay answered by itself; empty when the device did
 };
 
-// Lines gather in memory and are written by flush(), four times a second: a write for each would be
-// a good part of what a request costs.
+// Lines gather in memory and are given to a writer by flush(), four times a second: a write for
+// each would be a good part of what a request costs. Used on the relay's thread.
 class AccessLog {
 public:
-    AccessLog() = default;
-    ~AccessLog();
-    AccessLog(const AccessLog&) = delete;
-    AccessLog& operator=(const AccessLog&) = delete;
-
-    // `path` as in Config. Opens it again when it is open already, for log rotation. False: `error`
-    // says why, and the log stays what it was.
+    // `path` as in Config. Opens it again when it is open already, for log rotation; lines added
+    // before go to the former file. False: `error` says why, and the log stays what it was.
     bool open(const std::string& path, std::string& error);
     void add(const AccessRecord& record);
     void flush();
+    // Flushes, and waits a little until all is written.
+    void finish();
+    std::uint64_t lost_lines() const { return *lost_; }
 
 private:
-    int file_ = -1;
     std::string lines_;
-    bool is_cut_ = false;    // the file ends within a line, with whose rest lines_ begins
-    bool is_losing_ = false; // the last flush lost lines
+    const LostLines lost_ = std::make_shared<std::atomic<std::uint64_t>>();
+    bool is_behind_ = false; // the last flush found no room
+    std::unique_ptr<BackgroundWriter> writer_;
 };
 
 } // namespace relay

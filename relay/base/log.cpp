@@ -1,13 +1,23 @@
 #include "base/log.h"
 
+#include "base/background_writer.h"
+#include "base/line_file.h"
 #include "base/text.h"
 
 #include <algorithm>
+#include <memory>
+#include <mutex>
 
 #include <unistd.h>
 
 namespace relay::log {
 namespace {
+
+constexpr std::chrono::seconds patience{2};
+
+const LostLines lost = std::make_shared<std::atomic<std::uint64_t>>();
+std::mutex background_mutex;
+std::unique_ptr<BackgroundWriter> background;
 
 std::string_view name_of(Level level) {
     switch (level) {
@@ -68,8 +78,29 @@ void write(Level level, std::string_view text) {
     line += ' ';
     append_printable(line, text);
     line += '\n';
-    // A log that nobody takes must not stop the relay.
-    [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
+    const std::lock_guard lock(background_mutex);
+    const bool is_lost =
+        background ? !background->add(line) : ::write(STDERR_FILENO, line.data(), line.size()) < 0;
+    *lost += is_lost;
+}
+
+Background::Background() {
+    const auto lines = std::make_shared<LineFile>(STDERR_FILENO, "log", lost);
+    auto writer =
+        std::make_unique<BackgroundWriter>([lines](std::string_view text) { lines->write(text); });
+    const std::lock_guard lock(background_mutex);
+    background = std::move(writer);
+}
+
+Background::~Background() {
+    std::unique_lock lock(background_mutex);
+    const auto writer = std::move(background);
+    lock.unlock();
+    writer->finish(patience);
+}
+
+std::uint64_t lost_lines() {
+    return *lost;
 }
 
 } // namespace relay::log

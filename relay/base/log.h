@@ -1,8 +1,9 @@
-// relay_server's log: one line an event on standard error, in one write, "time level text".
+// relay_server's log: one line an event on standard error, "time level text". Used on any thread.
 // What comes from outside may stand in a line: what a terminal or a reader could be fooled by, and
 // what is not UTF-8, is shown as \xNN.
 #pragma once
 
+#include <cstdint>
 #include <new>
 #include <string>
 #include <string_view>
@@ -13,6 +14,18 @@ namespace relay::log {
 enum class Level { info, warning, error };
 
 void write(Level level, std::string_view text);
+
+// While it lives, a thread of its own writes the lines, and nobody waits for who reads them; before
+// and afterwards each is one write of the caller's. At its end it waits a little for the last ones.
+class Background {
+public:
+    Background(); // throws std::system_error when there is no thread to be had
+    ~Background();
+    Background(const Background&) = delete;
+    Background& operator=(const Background&) = delete;
+};
+
+std::uint64_t lost_lines();
 
 template <typename... Pieces>
 std::string join(const Pieces&... pieces) {

@@ -1,5 +1,6 @@
 """SIGHUP and renewal take new files over, SIGTERM lets open requests finish."""
 
+import fcntl
 import os
 import signal
 import socket
@@ -127,7 +128,7 @@ def test_reloads_in_a_row_leave_nothing_behind(relay, device):
     before = relay.process.descriptor_count()
     for _ in range(50):
         relay.reload()
-    assert relay.process.descriptor_count() == before
+    wait_until(lambda: relay.process.descriptor_count() == before, "former logs are closed")
     device.beat()
 
 
@@ -293,6 +294,26 @@ def test_a_reader_of_its_log_that_goes_away_does_not_end_it(make_relay):
         served(device.join(), user)
     process.terminate()
     assert process.wait(20) == 0
+
+
+def test_a_reader_of_its_log_that_stops_stops_nobody(make_relay):
+    relay = make_relay(policy={"devices": []})
+    ours, theirs = os.pipe()
+    fcntl.fcntl(theirs, fcntl.F_SETPIPE_SZ, 4096)
+    process = subprocess.Popen([program("relay_server"), "--config", relay.configuration],
+                               stderr=theirs)
+    os.close(theirs)
+    with os.fdopen(ours) as log:
+        lines = [log.readline() for _ in range(3)]
+        relay.device_port, relay.front_port, relay.admin_port = (
+            int(line.split()[-1]) for line in lines)
+        for number in range(60):  # each of them is a line, and the pipe holds half of them
+            with Device(relay.device_port, f"stranger-{number}") as stranger:
+                stranger.say_hello()
+                assert stranger.hello_reply() == 2
+        assert relay.admin("/healthz") == (200, "ok\n")
+        process.terminate()
+        assert process.wait(20) == 0
 
 
 def test_sigpipe_is_none_of_its_business(relay, device, user):

@@ -12,7 +12,7 @@ namespace {
 using namespace std::chrono_literals;
 using testing::HasSubstr;
 
-constexpr Gauges gauges{3, 2, 5, 1000, 268435456};
+constexpr Gauges gauges{3, 2, 5, 1000, 268435456, 6, 7};
 
 Metrics some() {
     Metrics metrics;
@@ -48,6 +48,8 @@ TEST(Prometheus, ShowsGaugesAndCounters) {
     EXPECT_EQ(found["relay_exchanges_open"], 5);
     EXPECT_EQ(found["relay_memory_used_bytes"], 1000);
     EXPECT_EQ(found["relay_memory_limit_bytes"], 268435456);
+    EXPECT_EQ(found["relay_log_lines_lost_total{log=\"events\"}"], 6);
+    EXPECT_EQ(found["relay_log_lines_lost_total{log=\"access\"}"], 7);
     EXPECT_EQ(found["relay_device_connections_total"], 12);
     EXPECT_EQ(found["relay_sessions_total"], 11);
     EXPECT_EQ(found["relay_handshakes_refused_total{cause=\"not_admitted\"}"], 1);

@@ -109,7 +109,7 @@ TEST_F(ShortMemory, EndsNoListenerForUsers) {
 
 TEST_F(ShortMemory, EndsNoListenerForOperators) {
     Admin admin({coroutines_.executor(), config_, deadlines_, budget_, clients_, metrics_, devices_,
-                 front_port_, draining_});
+                 access_log_, front_port_, draining_});
     ASSERT_TRUE(admin.listen(error_)) << error_;
     fail_each(admin.port(), "HTTP/1.1 200");
     admin.close_all(); // touches every connection that is still listed
