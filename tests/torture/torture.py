@@ -8,6 +8,7 @@
 """
 
 import argparse
+import collections
 import multiprocessing
 import multiprocessing.connection
 import os
@@ -183,14 +184,15 @@ class Report:
         once = sum(trial.order.mode != FROM for trial in failed)
         sites = len({place.site for place in self.count.places})
         changed = sum(trial.changed for trial in failed)
-        known = sum(bool(trial.known) for trial in self.trials)
+        known = collections.Counter(trial.known for trial in self.trials if trial.known)
         slowest = max(self.trials, key=lambda trial: trial.seconds)
         return (f"{self.name}: {len(self.count.places)} calls at {sites} sites; failed {once} "
                 f"alone, {len(failed) - once} with all later ones; {changed} changed the outcome; "
                 f"{len(self.trials) - len(failed)} not reached; {len(self.sites_left())} sites "
-                f"missed; {len(self.problems)} problems, {known} known; slowest {slowest.seconds:.1f} s "
-                f"({_order_text(slowest.order)}); "
-                f"{time.monotonic() - self._started:.0f} s")
+                f"missed; {len(self.problems)} problems, {known.total()} known; "
+                f"slowest {slowest.seconds:.1f} s ({_order_text(slowest.order)}); "
+                f"{time.monotonic() - self._started:.0f} s" +
+                "".join(f"\n    {count} known: {reason}" for reason, count in known.items()))
 
 
 def _torture(crew, name, short):
