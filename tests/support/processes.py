@@ -240,6 +240,17 @@ class Process:
     def descriptor_count(self):
         return len(os.listdir(f"/proc/{self.pid}/fd"))
 
+    def listener_count(self):
+        """On how many TCP ports it listens; 0 once it has ended."""
+        listening = "0A"
+        folder = Path(f"/proc/{self.pid}")
+        try:
+            links = {os.readlink(entry) for entry in (folder / "fd").iterdir()}
+            rows = [row.split() for row in (folder / "net/tcp").read_text().splitlines()[1:]]
+        except (FileNotFoundError, ProcessLookupError):
+            return 0
+        return sum(row[3] == listening and f"socket:[{row[9]}]" in links for row in rows)
+
 
 @dataclass
 class Finished:

@@ -1,7 +1,6 @@
 """The command line and the configuration file: what is wrong is said in one sentence."""
 
 import json
-import os
 import re
 import resource
 from pathlib import Path
@@ -185,19 +184,8 @@ def test_standard_error_may_be_closed(make_relay):
     relay = make_relay()
     with Process("/bin/sh", "-c", f"exec {program('relay_server')} --config {relay.configuration} "
                                   "2>&-") as process:
-        wait_until(lambda: listeners_of(process) == 3, "it listens to devices, users, operators")
+        wait_until(lambda: process.listener_count() == 3, "it listens to devices, users, operators")
         assert process.stop() == 0
-
-
-def listeners_of(process):
-    """On how many TCP ports it listens; 0 once it has ended."""
-    listening = "0A"
-    try:
-        links = {os.readlink(entry) for entry in Path(f"/proc/{process.pid}/fd").iterdir()}
-    except FileNotFoundError:
-        return 0
-    rows = [row.split() for row in Path("/proc/self/net/tcp").read_text().splitlines()[1:]]
-    return sum(row[3] == listening and f"socket:[{row[9]}]" in links for row in rows)
 
 
 SAMPLE = Path(__file__).resolve().parents[3] / "relay" / "relay_server.json"
