@@ -25,10 +25,17 @@ constexpr char usage[] =
     "\n"
     "SIGHUP reads certificates, policy and token again; SIGTERM lets open requests finish.\n";
 
-// A wrong command line or file: one sentence, and the status says so.
-int fail(const std::string& sentence) {
-    std::fprintf(stderr, "relay_server: %s\n", sentence.c_str());
-    return 2;
+enum Status { done = 0, out_of_resources = 1, wrong_usage = 2 };
+
+// The one sentence of a refused start.
+Status fail(Status status, const char* sentence) {
+    std::fprintf(stderr, "relay_server: %s\n", sentence);
+    return status;
+}
+
+// The command line is wrong, or a file, or an address that it names.
+Status fail(const std::string& sentence) {
+    return fail(wrong_usage, sentence.c_str());
 }
 
 std::string unknown(std::string_view argument) {
@@ -93,14 +100,14 @@ void give_large_blocks_back() {
 }
 
 // Throws what the library throws when the system gives no memory, or no descriptor.
-int run(int count, char** arguments) {
+Status run(int count, char** arguments) {
     Options options;
     std::string error = parse(count, arguments, options);
     if (!error.empty())
         return fail(error);
     if (options.help || options.version) {
         std::fputs(options.help ? usage : "relay_server " RELAY_VERSION "\n", stdout);
-        return 0;
+        return done;
     }
     auto config = relay::load_config(options.config, error);
     if (!config)
@@ -118,14 +125,14 @@ int run(int count, char** arguments) {
         if (!shortage.empty())
             std::fprintf(stderr, "relay_server: %s\n", shortage.c_str());
         std::puts("relay_server: the configuration and the files it names are in order");
-        return 0;
+        return done;
     }
     if (!relay.listen(error))
         return fail(error);
     if (!shortage.empty())
         relay::log::warning(shortage);
     relay.run();
-    return 0;
+    return done;
 }
 
 } // namespace
@@ -134,6 +141,6 @@ int main(int count, char** arguments) {
     try {
         return run(count, arguments);
     } catch (const std::exception& failure) {
-        return fail(failure.what());
+        return fail(out_of_resources, failure.what());
     }
 }

@@ -40,7 +40,7 @@ def test_a_start_without_descriptors_is_refused_in_a_sentence(make_relay):
     with Process("prlimit", "--nofile=4:4", program("relay_server"), "--config",
                  relay.configuration) as process:
         status = process.wait()
-    assert status == 2, process.errors.text
+    assert status == 1, process.errors.text
     assert re.fullmatch(r"relay_server: [^\n]*Too many open files[^\n]*\n", process.errors.text)
 
 
