@@ -76,13 +76,13 @@ void Relay::run() {
 }
 
 void Relay::wait_for_signal() {
-    signals_.async_wait([this](error_code error, int number) {
+    signals_.async_wait(reserved(signal_memory_, [this](error_code error, int number) {
         if (error)
             return;
         guarded("a signal failed", [this, number] { obey(number); });
         if (!context_.stopped())
             wait_for_signal();
-    });
+    }));
 }
 
 void Relay::obey(int number) {

@@ -7,7 +7,7 @@
 #include "base/file_watch.h"
 #include "front/front.h"
 
-#include <boost/asio/signal_set.hpp>
+#include <boost/asio/basic_signal_set.hpp>
 
 #include <string>
 
@@ -49,7 +49,8 @@ private:
     bool draining_ = false;
     bool doors_are_closed_ = false;
     Admin admin_;
-    asio::signal_set signals_;
+    asio::basic_signal_set<Executor> signals_;
+    const std::shared_ptr<ReservedMemory> signal_memory_ = std::make_shared<ReservedMemory>();
     FileWatch device_certificate_;
     FileWatch front_certificates_;
     Deadline look_again_;

@@ -32,14 +32,14 @@ void Deadlines::start(std::function<void()> each_time) {
 
 void Deadlines::wait() {
     timer_.expires_after(sweep_interval);
-    timer_.async_wait([this](error_code error) {
+    timer_.async_wait(reserved(memory_, [this](error_code error) {
         if (error || stopped_)
             return;
         sweep();
         guarded("a timer failed", each_time_);
         if (!stopped_)
             wait();
-    });
+    }));
 }
 
 void Deadlines::sweep() {

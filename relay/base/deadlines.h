@@ -2,11 +2,12 @@
 //
 // There are thousands of them, nearly all are moved or withdrawn before they pass, and none needs
 // to be exact: so moving one is an assignment, and a sweep every `sweep_interval` finds those that
-// have passed. One that throws is logged, and the sweeps go on. Owned by the relay; used on its
-// thread.
+// have passed. One that throws is logged, and the sweeps go on, without memory too. Owned by the
+// relay; used on its thread.
 #pragma once
 
 #include "base/asio.h"
+#include "base/reserved.h"
 
 #include <boost/intrusive/list.hpp>
 
@@ -56,6 +57,7 @@ private:
     void sweep();
 
     Timer timer_;
+    const std::shared_ptr<ReservedMemory> memory_ = std::make_shared<ReservedMemory>();
     bool stopped_ = false;
     List list_;
     List::iterator next_ = list_.end(); // where the sweep goes on; kept valid by ~Deadline

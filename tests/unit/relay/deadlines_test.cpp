@@ -1,10 +1,14 @@
 #include "base/deadlines.h"
 
 #include "coroutines.h"
+#include "failing_new.h"
 
 #include <gmock/gmock.h>
 
+#include <boost/asio/post.hpp>
+
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -164,6 +168,21 @@ TEST(DeadlinesAlone, GoOnWhenWhatFollowsASweepThrows) {
     coroutines.run_until([&] { return sweeps == 2; });
     EXPECT_THAT(testing::internal::GetCapturedStderr(),
                 testing::HasSubstr(" error a timer failed: no room\n"));
+}
+
+TEST(DeadlinesAlone, GoOnWithoutMemory) {
+    Coroutines coroutines;
+    Deadlines deadlines(coroutines.executor());
+    std::optional<FailingNew> short_memory;
+    int sweeps = 0;
+    deadlines.start([&] {
+        ++sweeps;
+        // These take what Asio has kept of the operations that have ended.
+        for (int i = 0; i < 4; ++i)
+            asio::post(coroutines.executor(), [&short_memory] { short_memory.reset(); });
+        short_memory.emplace(1);
+    });
+    coroutines.run_until([&] { return sweeps == 2; });
 }
 
 TEST_F(DeadlineTest, MadeInACallIsSweptToo) {
