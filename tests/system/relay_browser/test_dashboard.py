@@ -163,8 +163,10 @@ def test_last_error_of_a_device_is_shown(places, authority, tmp_path, browser):
         browser.wait_for(f"{ROW} .error", "a request was not answered in time")
 
 
-def test_drain_is_shown(relay, browser):
-    with Device(relay.device_port).join() as device, futures.ThreadPoolExecutor() as users:
+def test_drain_is_shown(places, authority, tmp_path, browser):
+    with RelayServer(tmp_path / "relay", authority.certificate(),
+                     options={"drain_s": 60}) as relay, \
+            Device(relay.device_port).join() as device, futures.ThreadPoolExecutor() as users:
         browser.open(dashboard_of(relay))
         response = users.submit(relay.get, DEVICE, "/")
         request = device.expect_request()
@@ -174,6 +176,7 @@ def test_drain_is_shown(relay, browser):
         browser.open("about:blank")
         device.answer(request)
         assert response.result().status == 200
+        relay.signal(signal.SIGTERM)  # it does not wait for its doors to close
         assert relay.process.wait() == 0
 
 
