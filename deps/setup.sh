@@ -8,7 +8,7 @@ set -eu
 
 packages="
     g++ cmake ninja-build pkg-config
-    libjson-c-dev libcjson-dev libwolfssl-dev libssl-dev libboost1.81-dev
+    libjson-c-dev libcjson-dev libwolfssl-dev libssl-dev libboost1.81-dev libsystemd-dev
     libgtest-dev libgmock-dev
     lua5.1 lighttpd openssl iproute2 python3 python3-pytest
 "

@@ -68,6 +68,7 @@ void Relay::run() {
     deadlines_.start([this] { each_sweep(); });
     wait_for_signal();
     look_again_.set(renewal_interval);
+    service_manager_.ready();
     run_through([this] { context_.run(); });
     // Everything is closed; what still ran to its end on that gives back what it holds.
     context_.restart();
@@ -94,8 +95,14 @@ void Relay::obey(int number) {
         drain();
 }
 
-// Each part on its own: a mistake in one file keeps nothing else from being taken over.
 void Relay::reload() {
+    service_manager_.reloading();
+    guarded("a reload failed", [this] { read_files_again(); });
+    service_manager_.ready();
+}
+
+// Each part on its own: a mistake in one file keeps nothing else from being taken over.
+void Relay::read_files_again() {
     std::string error;
     bool all_well = true;
     const auto check = [&](bool loaded) {
@@ -136,6 +143,7 @@ void Relay::drain() {
     log::info("draining: everything ends within ", config_.drain.count(),
               " s, and nobody comes in during the second half of them");
     draining_ = true;
+    service_manager_.stopping(config_.drain);
     doors_.set(Clock::duration(config_.drain) / 2);
     drained_.set(config_.drain);
 }
@@ -149,6 +157,7 @@ void Relay::close_doors() {
 
 void Relay::each_sweep() {
     access_log_.flush();
+    service_manager_.each_sweep(devices_.count(), metrics_.user_connections_open);
     if (doors_are_closed_ && front_.is_idle())
         end();
 }

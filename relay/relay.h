@@ -5,6 +5,7 @@
 #include "base/access_log.h"
 #include "base/config.h"
 #include "base/file_watch.h"
+#include "base/service_manager.h"
 #include "front/front.h"
 
 #include <boost/asio/basic_signal_set.hpp>
@@ -30,6 +31,7 @@ private:
     void wait_for_signal();
     void obey(int number);
     void reload();
+    void read_files_again();
     void look_for_renewed_certificates();
     void drain();
     void close_doors();
@@ -49,6 +51,7 @@ private:
     bool draining_ = false;
     bool doors_are_closed_ = false;
     Admin admin_;
+    ServiceManager service_manager_;
     asio::basic_signal_set<Executor> signals_;
     const std::shared_ptr<ReservedMemory> signal_memory_ = std::make_shared<ReservedMemory>();
     FileWatch device_certificate_;

@@ -71,11 +71,18 @@ class RelayServer:
 
     # --- running ---
 
-    def start(self):
-        # It dies with the tests, however those end.
-        self.process = Process(shutil.which("setpriv"), "--pdeathsig", "KILL",
-                               program("relay_server"), "--config", self.configuration,
+    def launch(self):
+        """Starts the process, which dies with the tests, however those end."""
+        self.process = Process(shutil.which("setpriv"), "--pdeathsig", "KILL", *self._command(),
                                environment=self._environment)
+        return self.process
+
+    def _command(self):
+        return [program("relay_server"), "--config", self.configuration]
+
+    def start(self):
+        """Launches it and waits until it listens."""
+        self.launch()
         ports = self.log.wait_for(r"devices connect to \S+ port (\d+)(?s:.*)users come to \S+ port "
                                   r"(\d+)(?s:.*)operators come to \S+ port (\d+)")
         self.device_port, self.front_port, self.admin_port = map(int, ports.groups())

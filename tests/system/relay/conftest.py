@@ -29,10 +29,11 @@ def make_relay(request, places, authority):
     """Makes a relay_server that is not started yet; it ends with the test."""
     request.node.started_relays = []
     with contextlib.ExitStack() as running:
-        def make(policy=None, options=None, front_tls=False):
+        def make(policy=None, options=None, front_tls=False, environment=None):
             folder = places.scratch / f"relay-{next(_numbers)}"
             relay = RelayServer(folder, authority.certificate(), policy, options,
-                                authority.certificate("front.test") if front_tls else None)
+                                authority.certificate("front.test") if front_tls else None,
+                                environment)
             request.node.started_relays.append(relay)
             running.callback(lambda: relay.process and relay.__exit__(None, None, None))
             return relay

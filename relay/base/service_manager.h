@@ -1,0 +1,42 @@
+// Reports the relay's state to the service manager that started it, for systemd's Type=notify.
+// Without NOTIFY_SOCKET in the environment nothing is sent.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <string>
+
+namespace relay {
+
+// Owned by the relay; used on its thread. Each report is one datagram to the local manager.
+class ServiceManager {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    ServiceManager();
+
+    // All listeners take connections.
+    void ready();
+    // Files are read again, until ready() follows.
+    void reloading();
+    // The process ends within `at_most`; the manager kills it later than that.
+    void stopping(std::chrono::seconds at_most);
+    // From the event loop, several times a second: the watchdog's beat, when the manager wants one,
+    // and the counts, when they have changed.
+    void each_sweep(std::size_t devices, std::size_t users);
+
+private:
+    void send(const std::string& state);
+    void beat(Clock::time_point now);
+    void show(Clock::time_point now, std::size_t devices, std::size_t users);
+
+    const bool is_there_;
+    std::chrono::microseconds beat_interval_{}; // zero: no watchdog
+    Clock::time_point next_beat_;
+    Clock::time_point next_status_;
+    std::string status_; // as last sent
+    bool is_stopping_ = false;
+    bool failure_is_logged_ = false;
+};
+
+} // namespace relay
