@@ -121,8 +121,17 @@ uloop_timeout _make_timer(uloop_timeout_handler callback) {
 
 uloop_timeout reconnectTimer = _make_timer(_reconnect);
 
+void _try_again_later() {
+    LOG_ERROR_AS("ubus_connection_lost", "failed to reconnect, trying again in %d seconds\n",
+                 RECONNECT_PAUSE_S);
+    uloop_timeout_set(&reconnectTimer, RECONNECT_PAUSE_S * MS_PER_SECOND);
+}
+
+// Nobody would read from a socket that uloop has no room for: the bus is connected to anew.
 void _watch_connection() {
-    uloop_fd_add(&l_ubus_common_ctx->sock, ULOOP_READ | ULOOP_BLOCKING);
+    if (uloop_fd_add(&l_ubus_common_ctx->sock, ULOOP_READ | ULOOP_BLOCKING) < 0) {
+        _try_again_later();
+    }
 }
 
 // Called when the connection is lost, and by the timer until it is back.
@@ -132,8 +141,7 @@ void ubus_connection_lost(ubus_context* /*context*/) {
         return;
     }
     if (ubus_reconnect(l_ubus_common_ctx, UBUS_SOCKET_PATH) != 0) {
-        LOG_ERROR("failed to reconnect, trying again in %d seconds\n", RECONNECT_PAUSE_S);
-        uloop_timeout_set(&reconnectTimer, RECONNECT_PAUSE_S * MS_PER_SECOND);
+        _try_again_later();
         return;
     }
     _watch_connection();

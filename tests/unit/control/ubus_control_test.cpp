@@ -33,6 +33,8 @@ constexpr char RETRY_MESSAGE[] = "failed to reconnect, trying again in 2 seconds
 
 ubus_connect_handler_t connection_lost_of_freed = nullptr;
 int signalBeforeLoop = 0; // raised right before the event loop begins to run
+int unwatched = 0;        // which of the next calls of uloop_fd_add fails, from 1
+constexpr char SOCKET_IS_WATCHED[] = "a socket is watched"; // printed when one was to fail
 
 int run_ubus_init() {
     return ubus_init() == 0 ? 0 : 1;
@@ -49,6 +51,21 @@ extern "C" void __real_ubus_free(ubus_context* context);
 extern "C" void __wrap_ubus_free(ubus_context* context);
 extern "C" int __real_uloop_run_timeout(int timeout);
 extern "C" int __wrap_uloop_run_timeout(int timeout);
+extern "C" int __real_uloop_fd_add(uloop_fd* socket, unsigned flags);
+extern "C" int __wrap_uloop_fd_add(uloop_fd* socket, unsigned flags);
+
+// Fails as when epoll has no room.
+extern "C" int __wrap_uloop_fd_add(uloop_fd* socket, unsigned flags) {
+    static const bool isTold = unwatched > 0;
+    if (unwatched > 0 && --unwatched == 0) {
+        return -1;
+    }
+    int result = __real_uloop_fd_add(socket, flags);
+    if (isTold) {
+        puts(SOCKET_IS_WATCHED);
+    }
+    return result;
+}
 
 // Remembers the callback that nobody else can reach.
 extern "C" void __wrap_ubus_free(ubus_context* context) {
@@ -416,6 +433,33 @@ TEST_F(UbusControlTest, TriesAtOnceAndEveryTwoSecondsUntilTheBrokerIsBack) {
     broker.emplace();
     connect();
     EXPECT_EQ(client->reload("127.0.0.1", 0), 0) << "the new socket is watched";
+}
+
+TEST_F(UbusControlTest, ConnectsAnewWhenItsFirstSocketCannotBeWatched) {
+    broker.emplace();
+    daemon.emplace([] {
+        unwatched = 1;
+        return run_control_side();
+    });
+    ASSERT_TRUE(log.gets(plain_line(SOCKET_IS_WATCHED)));
+    EXPECT_EQ(log.count(retry_line()), 1U);
+    connect();
+    EXPECT_EQ(client->reload("127.0.0.1", 0), 0);
+}
+
+TEST_F(UbusControlTest, ConnectsAnewWhenTheSocketOfAReconnectCannotBeWatched) {
+    start([] {
+        unwatched = 2;
+        return run_control_side();
+    });
+    client.reset();
+    broker->kill();
+    ASSERT_TRUE(log.gets(retry_line()));
+    broker.emplace();
+    ASSERT_TRUE(log.gets(plain_line(SOCKET_IS_WATCHED)));
+    EXPECT_GE(log.count(retry_line()), 2U);
+    connect();
+    EXPECT_EQ(client->reload("127.0.0.1", 0), 0);
 }
 
 TEST_F(UbusControlTest, TriesToReconnectAtOnceWhenTheBusIsLost) {
