@@ -19,8 +19,8 @@ LIBRARY = "torture_interpose.so"
 # own that a round meets is the 10 s of a web server that does not answer.
 ROUND_LIMIT_S = 40.0
 
-# How long calls fail while a program gets nowhere. Not stretched on a busy machine: a program that
-# gets there later does so without failures, which is right as well.
+# How long calls fail while a program gets nowhere, from the first that does. Not stretched on a
+# busy machine: a program that gets there later does so without failures, which is right as well.
 FAILING_S = 1.5
 
 
@@ -192,22 +192,33 @@ class Scenario:
     def failing_for_a_while(self):
         """Ends the failures after a while, and in the end: what peers wait for and how the program
         comes to rest may need calls that succeed."""
-        timer = threading.Timer(FAILING_S, self.control.disarm)
-        timer.start()
+        is_over = threading.Event()
+        watch = threading.Thread(target=self._end_failures, args=(is_over.is_set,))
+        watch.start()
         try:
             yield
         finally:
-            timer.cancel()
-            timer.join()
+            is_over.set()
+            watch.join()
             self.control.disarm()
 
     def wait_failing(self, condition, what):
         """Waits for what a program reaches although calls fail, or once they fail no longer."""
-        try:
-            wait_until(condition, what, FAILING_S)
-        except AssertionError:
-            self.control.disarm()
+        if not self._end_failures(condition):
             wait_until(condition, f"{what}, when calls no longer fail", ROUND_LIMIT_S)
+
+    def _end_failures(self, condition):
+        """Waits for the condition, but ends the failures FAILING_S after the first; whether the
+        condition held before that."""
+        first, limit = None, time.monotonic() + ROUND_LIMIT_S
+        while not (holds := condition()) and time.monotonic() < limit:
+            if first is None and self.control.failures:
+                first = time.monotonic()
+                limit = first + FAILING_S
+            time.sleep(0.01)
+        if not holds:
+            self.control.disarm()
+        return holds
 
     def run(self, order=Order(), records=False):
         """One round under that order; the program is at rest again in the end."""

@@ -213,6 +213,9 @@ def _torture(crew, name, short):
         for answer in crew.do_all(left):
             report.take(answer)
     print(report.summary(), flush=True)
+    for place in count.places:
+        if place.site in report.sites_left():
+            print(f"    missed: site {place.site:x}: {place}", flush=True)
     return not report.problems and not report.sites_left()
 
 
