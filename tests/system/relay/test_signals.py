@@ -39,9 +39,10 @@ def pem_to_der(certificate):
 # --- SIGHUP ---
 
 @pytest.mark.relay(front_tls=True)
-def test_a_new_certificate_is_shown_to_newcomers_and_drops_nobody(relay, authority, device, user,
+def test_a_new_certificate_is_shown_to_newcomers_and_drops_nobody(relay, authority, device,
                                                                   connect, open_user):
     new = authority.certificate("new.test", "rsa")
+    user = open_user()  # now: a user who says nothing for 10 s is dropped
     relay.use_certificate(new)
     relay.use_front_certificate(new)
     served(device, user)
@@ -128,7 +129,7 @@ def test_reloads_in_a_row_leave_nothing_behind(relay, device):
     before = relay.process.descriptor_count()
     for _ in range(50):
         relay.reload()
-    wait_until(lambda: relay.process.descriptor_count() == before, "former logs are closed")
+    wait_until(lambda: relay.process.descriptor_count() <= before, "former logs are closed")
     device.beat()
 
 
