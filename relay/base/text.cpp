@@ -29,6 +29,14 @@ std::string_view trimmed(std::string_view text) {
     return text.substr(first, text.find_last_not_of(" \t") - first + 1);
 }
 
+std::optional<asio::ip::address> parse_address(std::string_view text) {
+    if (text.find_first_not_of("0123456789abcdefABCDEF:.") != text.npos)
+        return std::nullopt;
+    error_code wrong;
+    const auto address = asio::ip::make_address(std::string(text), wrong);
+    return wrong ? std::nullopt : std::optional(address);
+}
+
 std::string to_text(const asio::ip::address& address) {
     if (address.is_v6() && address.to_v6().is_v4_mapped())
         return asio::ip::make_address_v4(asio::ip::v4_mapped, address.to_v6()).to_string();

@@ -4,6 +4,7 @@
 #include "base/address.h"
 
 #include <chrono>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -15,6 +16,9 @@ std::string lower_case(std::string_view text);
 bool equals_ignoring_case(std::string_view a, std::string_view b);
 
 std::string_view trimmed(std::string_view text); // without blanks and tabs at its ends
+
+// An address without a zone, "%eth0", which has a meaning on one machine only.
+std::optional<asio::ip::address> parse_address(std::string_view text);
 
 // "192.0.2.1", also when it came in on an IPv6 socket; "2001:db8::1".
 std::string to_text(const asio::ip::address& address);

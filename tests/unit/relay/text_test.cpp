@@ -43,6 +43,15 @@ TEST(Text, AddressesOfIpv4AreWrittenAsSuchWhereverTheyCameIn) {
               "192.0.2.1:80");
 }
 
+TEST(Text, AddressesAreReadWithoutZoneOrPort) {
+    EXPECT_EQ(parse_address("192.0.2.1"), asio::ip::make_address("192.0.2.1"));
+    EXPECT_EQ(parse_address("2001:DB8::1"), asio::ip::make_address("2001:db8::1"));
+    for (const std::string_view text : {"", "192.0.2", "192.0.2.1:80", "192.0.2.256", "[::1]",
+                                        "fe80::1%lo", "::1/128", " ::1", "localhost", ":"})
+        EXPECT_EQ(parse_address(text), std::nullopt) << text;
+    EXPECT_EQ(parse_address(std::string_view("192.0.2.1\0", 10)), std::nullopt);
+}
+
 TEST(Text, TimeIsIsoInUtcWithMilliseconds) {
     using std::chrono::milliseconds;
     using Time = std::chrono::system_clock::time_point;
