@@ -25,7 +25,7 @@ std::vector<std::string> paths_of(const CertificateFiles& first,
 } // namespace
 
 Relay::Relay(Config config)
-    : config_(std::move(config)), budget_{config_.memory_bytes},
+    : config_(std::move(config)), budget_{config_.memory_bytes}, clients_(config_.trusted_proxies),
       deadlines_(context_.get_executor()),
       devices_(context_.get_executor(), config_, deadlines_, budget_, clients_, metrics_),
       front_({context_.get_executor(), config_, deadlines_, budget_, clients_, metrics_,

@@ -4,20 +4,14 @@
 
 namespace relay {
 
-// An IPv4 address takes the place of a network that no IPv6 address is in.
-Clients::Key Clients::key_of(const asio::ip::address& address) {
-    Key key{};
-    if (address.is_v4() || address.to_v6().is_v4_mapped()) {
-        const auto v4 = address.is_v4()
-                            ? address.to_v4()
-                            : asio::ip::make_address_v4(asio::ip::v4_mapped, address.to_v6());
-        const auto bytes = v4.to_bytes();
-        std::copy(bytes.begin(), bytes.end(), key.begin() + 4);
-    } else {
-        const auto bytes = address.to_v6().to_bytes();
-        std::copy_n(bytes.begin(), key.size(), key.begin());
-    }
-    return key;
+Clients::Key Clients::key_of(const asio::ip::address& address) const {
+    const bool is_trusted = trusted_proxies_.contain(address);
+    const auto v6 = as_v6(address);
+    if (is_trusted || v6.is_v4_mapped())
+        return {v6, is_trusted};
+    auto bytes = v6.to_bytes();
+    std::fill(bytes.begin() + bytes.size() / 2, bytes.end(), 0);
+    return {asio::ip::address_v6(bytes), is_trusted};
 }
 
 std::shared_ptr<Client> Clients::at(const asio::ip::address& address) {
@@ -29,6 +23,7 @@ std::shared_ptr<Client> Clients::at(const asio::ip::address& address) {
             clients_.erase(key);
             delete gone;
         });
+        client->is_trusted_proxy = key.second;
         place = client;
     }
     return client;

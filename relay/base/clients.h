@@ -3,10 +3,12 @@
 
 #include "base/address.h"
 #include "base/memory_budget.h"
+#include "base/networks.h"
 
 #include <array>
 #include <map>
 #include <memory>
+#include <utility>
 
 namespace relay {
 
@@ -17,20 +19,25 @@ enum ClientCount { newcomers_count, users_count, operators_count, client_counts 
 struct Client {
     MemoryAccount memory;
     std::array<std::size_t, client_counts> connections{};
+    bool is_trusted_proxy = false; // its connections are those of many others
 };
 
 // Owned by the relay, outlives the connections; used on its thread.
 class Clients {
 public:
+    explicit Clients(Networks trusted_proxies = {})
+        : trusted_proxies_(std::move(trusted_proxies)) {}
+
     // The one of that address. An IPv6 address counts as its network of 64 bits, which is what one
-    // customer of a provider has.
+    // customer of a provider has; a trusted proxy is always one by itself.
     std::shared_ptr<Client> at(const asio::ip::address& address);
     std::size_t count() const { return clients_.size(); }
 
 private:
-    using Key = std::array<unsigned char, 8>;
-    static Key key_of(const asio::ip::address& address);
+    using Key = std::pair<asio::ip::address_v6, bool>; // whether it is a trusted proxy
+    Key key_of(const asio::ip::address& address) const;
 
+    const Networks trusted_proxies_;
     std::map<Key, std::weak_ptr<Client>> clients_;
 };
 

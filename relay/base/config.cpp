@@ -6,6 +6,7 @@
 
 #include <boost/asio/ip/address.hpp>
 
+#include <algorithm>
 #include <charconv>
 
 namespace relay {
@@ -151,6 +152,20 @@ void read_admin(const boost::json::value& value, const std::string& folder, Admi
     reader.finish();
 }
 
+void read_networks(JsonReader& reader, std::string_view key, Networks& target) {
+    const auto* value = reader.member(key);
+    if (!value)
+        return;
+    const auto* list = value->if_array();
+    const auto is_added = [&target](const boost::json::value& each) {
+        const auto* text = each.if_string();
+        return text && target.add({text->data(), text->size()});
+    };
+    if (!list || !std::all_of(list->begin(), list->end(), is_added))
+        reader.fail(key, "must be a list of addresses and networks, such as \"192.0.2.7\" and "
+                         "\"10.0.0.0/8\", without bits behind a network's length");
+}
+
 } // namespace
 
 std::optional<Config> load_config(const std::string& path, std::string& error) {
@@ -177,6 +192,7 @@ std::optional<Config> parse_config(std::string_view text, const std::string& pat
     read_devices(section("devices"), folder, config.devices, error);
     read_front(section("front"), folder, config.front, error);
     read_admin(section("admin"), folder, config.admin, error);
+    read_networks(reader, "trusted_proxies", config.trusted_proxies);
     read_path(reader, "access_log", folder, config.access_log);
     reader.yes_or_no("access_log_query", config.access_log_query);
     reader.number("memory_bytes", config.memory_bytes, 1 << 20, std::uint64_t{1} << 40);

@@ -2,6 +2,8 @@
 // Read once at the start; certificates, token and policy, which it names, are read again on SIGHUP.
 #pragma once
 
+#include "base/networks.h"
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -66,6 +68,7 @@ struct Config {
     DeviceOptions devices;
     FrontOptions front;
     AdminOptions admin;
+    Networks trusted_proxies;     // who may tell where a connection or a request comes from
     std::string access_log = "-"; // path; "-": standard output; empty: none
     bool access_log_query = true; // targets with their query strings
     std::size_t memory_bytes = 256 << 20;

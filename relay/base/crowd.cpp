@@ -32,6 +32,17 @@ Guest::~Guest() {
     crowd_.left_();
 }
 
+bool Guest::comes_from(std::shared_ptr<Client> client) {
+    if (client == client_)
+        return true;
+    if (!crowd_.admits(*client))
+        return false;
+    --crowd_.count_of(*client_);
+    client_ = std::move(client);
+    ++crowd_.count_of(*client_);
+    return true;
+}
+
 Crowd::Crowd(Deadlines& deadlines, Limits limits, std::string_view what, ClientCount count,
              std::uint64_t& turned_away, std::function<void()> left)
     : limits_(limits), count_(count),
@@ -52,7 +63,7 @@ bool Crowd::has_room() {
 }
 
 bool Crowd::admits(const Client& client) {
-    if (count_of(client) < limits_.of_one_address)
+    if (client.is_trusted_proxy || count_of(client) < limits_.of_one_address)
         return true;
     if (Guest* const guest = most_idle(&client)) {
         send_away(*guest);

@@ -3,7 +3,8 @@
 // One address has a share of the places. When that is used up, or when all places are taken, a
 // connection goes that does nothing and would lose nothing: one of the same address, or of the one
 // that has most. When there is none, a newcomer of an address without a share left is turned away,
-// and any other one waits in the system's queue: nobody who makes progress is thrown out.
+// and any other one waits in the system's queue: nobody who makes progress is thrown out. A trusted
+// proxy has no share: what it passes on counts for the address that it names.
 #pragma once
 
 #include "base/clients.h"
@@ -30,10 +31,15 @@ public:
     Guest(const Guest&) = delete;
     Guest& operator=(const Guest&) = delete;
 
+    const Client& client() const { return *client_; }
+    // Counts it for that address from now on. False when that has no share left; nothing has
+    // changed then.
+    bool comes_from(std::shared_ptr<Client> client);
+
 private:
     friend class Crowd;
     Crowd& crowd_;
-    const std::shared_ptr<Client> client_;
+    std::shared_ptr<Client> client_;
     const std::function<bool()> may_go_;
     const std::function<void()> send_away_;
     bool is_leaving_ = false;

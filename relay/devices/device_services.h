@@ -1,6 +1,7 @@
 // What a device's session uses of the relay around it. Owned by the relay; outlives the sessions.
 #pragma once
 
+#include "base/clients.h"
 #include "base/config.h"
 #include "base/deadlines.h"
 #include "base/memory_budget.h"
@@ -28,6 +29,7 @@ struct DeviceServices {
     const DeviceOptions& options;
     Deadlines& deadlines;
     MemoryBudget& budget;
+    Clients& clients;
     Metrics& metrics;
     DeviceDirectory& directory;
     std::chrono::seconds hold; // how long one answer may hold up a device in all

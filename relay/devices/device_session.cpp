@@ -1,5 +1,6 @@
 #include "devices/device_session.h"
 
+#include "base/arrival.h"
 #include "base/log.h"
 #include "base/text.h"
 
@@ -107,14 +108,34 @@ void DeviceSession::end() {
 }
 
 Awaitable<bool> DeviceSession::establish() {
+    std::string early; // bytes that came before TLS began
+    bool goes_on = true;
+    if (guest_->client().is_trusted_proxy)
+        goes_on = co_await receive_address(early);
+    if (!goes_on)
+        co_return false;
     error_code error;
-    co_await stream_.async_handshake(asio::ssl::stream_base::server, into(error));
+    co_await stream_.async_handshake(asio::ssl::stream_base::server, asio::buffer(early),
+                                     into(error));
     if (error)
         refuse(Refusal::tls, "TLS failed: " + error.message());
     if (closed_)
         co_return false;
     const bool welcome = co_await say_hello();
     co_return welcome;
+}
+
+// Takes the device's address from a trusted proxy. False: the connection has ended.
+Awaitable<bool> DeviceSession::receive_address(std::string& early) {
+    const auto header = co_await receive_proxy_header(socket_, early);
+    if (header.state == ProxyHeader::State::broken)
+        refuse(Refusal::malformed, log::join("its PROXY header is broken: ", header.mistake));
+    if (closed_ || !header.client)
+        co_return !closed_;
+    address_ = to_text(*header.client);
+    if (!guest_->comes_from(services_.clients.at(header.client->address())))
+        end();
+    co_return !closed_;
 }
 
 // A peer that does not even frame its hello is no device and gets no reply.

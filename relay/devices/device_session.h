@@ -70,6 +70,7 @@ private:
     };
 
     Awaitable<bool> establish();
+    Awaitable<bool> receive_address(std::string& early);
     Awaitable<bool> say_hello();
     Awaitable<void> serve();
     Awaitable<bool> handle(const PacketHeader& header);

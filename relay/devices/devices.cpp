@@ -9,7 +9,7 @@ namespace relay {
 Devices::Devices(const Executor& executor, const Config& config, Deadlines& deadlines,
                  MemoryBudget& budget, Clients& clients, Metrics& metrics)
     : executor_(executor), options_(config.devices), clients_(clients),
-      metrics_(metrics), services_{config.devices, deadlines, budget,
+      metrics_(metrics), services_{config.devices, deadlines, budget,           clients,
                                    metrics,        *this,     config.front.hold},
       crowd_(deadlines, {options_.max_handshakes, options_.max_handshakes_per_address},
              "connections of devices", newcomers_count,

@@ -1,6 +1,7 @@
 #include "front/front.h"
 
 #include "base/spawn.h"
+#include "base/text.h"
 #include "front/user_connection.h"
 
 #include <vector>
@@ -52,6 +53,10 @@ void Front::close_all() {
         connection->close();
 }
 
+Source Front::source_at(const asio::ip::address& address) {
+    return {to_text(address), services_.clients.at(address)};
+}
+
 void Front::ended(UserConnection& connection) {
     connections_.erase(connection.shared_from_this());
     services_.metrics.user_connections_open = connections_.size();
@@ -61,11 +66,11 @@ void Front::welcome(Socket socket) {
     Metrics& metrics = services_.metrics;
     ++metrics.user_connections;
     error_code ignored;
-    auto client = services_.clients.at(socket.remote_endpoint(ignored).address());
-    if (!crowd_.admits(*client))
+    auto source = source_at(socket.remote_endpoint(ignored).address());
+    if (!crowd_.admits(*source.client))
         return; // closes it
     const auto connection = std::make_shared<UserConnection>(
-        *this, services_, crowd_, std::move(client), std::move(socket), tls_);
+        *this, services_, crowd_, std::move(source), std::move(socket), tls_);
     connections_.insert(connection);
     metrics.user_connections_open = connections_.size();
     spawn(

@@ -20,6 +20,12 @@ namespace relay {
 
 class UserConnection;
 
+// Where a connection or a request comes from.
+struct Source {
+    std::string address; // without port
+    std::shared_ptr<Client> client;
+};
+
 class Front {
 public:
     // What a connection uses. Outlives the connections.
@@ -48,6 +54,7 @@ public:
     void close_all();
     bool is_idle() const { return connections_.empty(); }
 
+    Source source_at(const asio::ip::address& address);
     void ended(UserConnection& connection);
 
 private:

@@ -1,6 +1,8 @@
 #include "front/user_connection.h"
 
+#include "base/log.h"
 #include "base/text.h"
+#include "front/forwarded.h"
 
 namespace relay {
 namespace {
@@ -27,6 +29,10 @@ PageReason no_memory() {
     return {503, "The relay has no memory left for this request. Try again soon.", "memory"};
 }
 
+std::shared_ptr<MemoryAccount> memory_of(const Source& user) {
+    return {user.client, &user.client->memory};
+}
+
 PageReason unusable(std::string text) {
     return {502, std::move(text), "unusable_answer"};
 }
@@ -34,19 +40,20 @@ PageReason unusable(std::string text) {
 } // namespace
 
 UserConnection::UserConnection(Front& front, const Front::Services& services, Crowd& crowd,
-                               std::shared_ptr<Client> client, Socket socket, TlsContext tls)
+                               Source peer, Socket socket, TlsContext tls)
     : front_(front), services_(services), options_(services.config.front),
       stream_(std::move(socket), std::move(tls)),
-      deadline_(services.deadlines, [this] { stream_.close(); }), client_(std::move(client)),
+      deadline_(services.deadlines, [this] { stream_.close(); }), peer_(std::move(peer)),
       guest_(
-          crowd, client_, [this] { return idle_ && stream_.is_quiet(); },
-          [this] { stream_.close(); }),
-      body_memory_(services.budget, {memory(), nullptr}) {}
+          crowd, peer_.client, [this] { return idle_ && stream_.is_quiet(); },
+          [this] { stream_.close(); }) {}
 
 Awaitable<void> UserConnection::run() {
     const auto self = shared_from_this();
     deadline_.set(options_.patience);
-    bool goes_on = co_await stream_.handshake();
+    bool goes_on = co_await learn_peer();
+    if (goes_on)
+        goes_on = co_await stream_.handshake(input_);
     while (goes_on)
         goes_on = co_await serve_one();
     deadline_.set(farewell);
@@ -57,6 +64,21 @@ Awaitable<void> UserConnection::run() {
     front_.ended(*this);
 }
 
+// A trusted proxy may put in front where the connection comes from. False: the connection ends.
+Awaitable<bool> UserConnection::learn_peer() {
+    if (!peer_.client->is_trusted_proxy)
+        co_return true;
+    const auto header = co_await stream_.proxy_header(input_);
+    if (header.state == ProxyHeader::State::broken) {
+        log::warning("a connection from ", peer_.address,
+                     " is ended: its PROXY header is broken: ", header.mistake);
+        co_return false;
+    }
+    if (header.client)
+        peer_ = front_.source_at(header.client->address());
+    co_return guest_.comes_from(peer_.client);
+}
+
 // False: the connection ends.
 Awaitable<bool> UserConnection::serve_one() {
     Turn turn;
@@ -65,6 +87,7 @@ Awaitable<bool> UserConnection::serve_one() {
     const bool has_head = co_await read_head(turn);
     if (!has_head)
         co_return false; // the user is gone, or never said anything
+    identify(turn);
     if (turn.page.status == 0)
         turn.page = route(turn).value_or(PageReason{});
     bool goes_on = true;
@@ -75,7 +98,7 @@ Awaitable<bool> UserConnection::serve_one() {
     if (goes_on && turn.page.status != 0)
         goes_on = co_await answer_page(turn);
     account(turn);
-    body_memory_.resize(0);
+    guest_.comes_from(peer_.client);
     goes_on = goes_on && turn.keep_alive;
     co_return goes_on;
 }
@@ -130,6 +153,20 @@ bool UserConnection::parse_head(Turn& turn, std::size_t head_bytes) {
     return true;
 }
 
+// Whose request it is. A trusted proxy passes on those of many, one after the other.
+void UserConnection::identify(Turn& turn) {
+    turn.user = peer_;
+    turn.scheme = stream_.is_tls() ? "https" : "http";
+    if (peer_.client->is_trusted_proxy) {
+        const auto told = read_forwarded(turn.parser.get(), services_.config.trusted_proxies);
+        if (told.user)
+            turn.user = front_.source_at(*told.user);
+        if (!told.scheme.empty())
+            turn.scheme = told.scheme;
+    }
+    turn.body_memory.emplace(services_.budget, Holders{memory_of(turn.user), nullptr});
+}
+
 std::optional<PageReason> UserConnection::route(Turn& turn) {
     turn.route = route_of(turn.parser.get(), options_.base_domain);
     unread_input_ = !turn.parser.is_done();
@@ -148,9 +185,12 @@ std::optional<PageReason> UserConnection::route(Turn& turn) {
                           "The device \"" + turn.route->device_id +
                               "\" is not connected to this relay. Is it switched on and online?",
                           "unknown_device"};
+    if (!guest_.comes_from(turn.user.client))
+        return PageReason{503, "Too many requests come from your address. Try again soon.",
+                          "crowded_out"};
     if (auto refusal = check_origin(turn.parser.get(), *turn.route))
         return refusal;
-    if (!body_memory_.may_grow(turn.parser.content_length().value_or(read_bytes)))
+    if (!turn.body_memory->may_grow(turn.parser.content_length().value_or(read_bytes)))
         return no_memory();
     return std::nullopt;
 }
@@ -173,7 +213,7 @@ Awaitable<bool> UserConnection::read_body(Turn& turn) {
         std::size_t taken = 0;
         const auto reason = take_body(turn.parser, input_, options_.max_header_bytes, taken);
         turn.body_bytes += taken;
-        if (!hold_body(turn.parser.get().body().capacity())) {
+        if (!hold_body(turn)) {
             turn.page = no_memory();
             co_return true;
         }
@@ -195,15 +235,13 @@ Awaitable<bool> UserConnection::read_body(Turn& turn) {
 }
 
 // False when the share of the user's address is used up.
-bool UserConnection::hold_body(std::size_t bytes) {
-    if (bytes > body_memory_.bytes() && !body_memory_.may_grow(bytes - body_memory_.bytes()))
+bool UserConnection::hold_body(Turn& turn) {
+    Reservation& held = *turn.body_memory;
+    const std::size_t bytes = turn.parser.get().body().capacity();
+    if (bytes > held.bytes() && !held.may_grow(bytes - held.bytes()))
         return false;
-    body_memory_.resize(bytes);
+    held.resize(bytes);
     return true;
-}
-
-std::shared_ptr<MemoryAccount> UserConnection::memory() const {
-    return {client_, &client_->memory};
 }
 
 std::shared_ptr<Exchange> UserConnection::submit(Turn& turn) {
@@ -215,19 +253,18 @@ std::shared_ptr<Exchange> UserConnection::submit(Turn& turn) {
     const auto& request = turn.parser.get();
     const bool has_body = turn.parser.chunked() || turn.parser.content_length().has_value();
     const auto head =
-        device_head(turn.head, *turn.route,
-                    {options_.device_host, stream_.address(), stream_.is_tls() ? "https" : "http"},
+        device_head(turn.head, *turn.route, {options_.device_host, turn.user.address, turn.scheme},
                     request.body().size(), has_body);
     auto packet = make_packet(PacketType::request, 0, head, request.body());
-    auto exchange =
-        std::make_shared<Exchange>(Exchange::Surroundings{services_.executor,
-                                                          services_.deadlines,
-                                                          services_.budget,
-                                                          options_.answer_buffer_bytes,
-                                                          {memory(), session->memory()}},
-                                   std::move(packet), services_.config.devices.answer);
+    auto exchange = std::make_shared<Exchange>(
+        Exchange::Surroundings{services_.executor,
+                               services_.deadlines,
+                               services_.budget,
+                               options_.answer_buffer_bytes,
+                               {memory_of(turn.user), session->memory()}},
+        std::move(packet), services_.config.devices.answer);
     turn.parser.get().body() = {};
-    body_memory_.resize(0);
+    turn.body_memory->resize(0);
     exchange->user_is_there = [user = weak_from_this()] {
         const auto connection = user.lock();
         return connection && connection->stream_.is_there();
@@ -302,9 +339,8 @@ Awaitable<bool> UserConnection::relay_answer(Turn& turn, Exchange& exchange) {
     const bool may_chunk = turn.parser.get().version() == 11;
     turn.keep_alive = turn.keep_alive && (framing->kind != BodyKind::chunked || may_chunk);
     turn.status = parser->get().result_int();
-    auto head =
-        user_head(parser->get(), {*framing, turn.keep_alive, may_chunk},
-                  {options_.device_host, stream_.is_tls() ? "https" : "http", turn.route->host});
+    auto head = user_head(parser->get(), {*framing, turn.keep_alive, may_chunk},
+                          {options_.device_host, turn.scheme, turn.route->host});
     AnswerBody body(*parser, *framing, may_chunk);
     co_return co_await relay_body(turn, exchange, body, std::move(head), text);
 }
@@ -388,7 +424,7 @@ void UserConnection::account(const Turn& turn) {
     std::string_view target = request.target();
     if (!services_.config.access_log_query)
         target = target.substr(0, target.find('?'));
-    services_.access_log.add({std::chrono::system_clock::now(), stream_.address(),
+    services_.access_log.add({std::chrono::system_clock::now(), turn.user.address,
                               turn.route ? std::string_view(turn.route->device_id) : "",
                               std::string_view(request.method_string()), target, status,
                               turn.body_bytes, turn.sent_bytes, duration, turn.page.note});

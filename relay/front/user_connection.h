@@ -17,8 +17,8 @@ namespace relay {
 
 class UserConnection : public std::enable_shared_from_this<UserConnection> {
 public:
-    UserConnection(Front& front, const Front::Services& services, Crowd& crowd,
-                   std::shared_ptr<Client> client, Socket socket, TlsContext tls);
+    UserConnection(Front& front, const Front::Services& services, Crowd& crowd, Source peer,
+                   Socket socket, TlsContext tls);
 
     Awaitable<void> run();
     void close() { stream_.close(); }
@@ -30,9 +30,12 @@ private:
     struct Turn {
         Clock::time_point began;
         RequestParser parser;
+        Source user;
+        std::string_view scheme; // that the user sees
         std::optional<Route> route;
-        std::string head; // as it came
-        PageReason page;  // what the relay answers itself, while status is not 0; and the note
+        std::optional<Reservation> body_memory; // once it is known whose request it is
+        std::string head;                       // as it came
+        PageReason page; // what the relay answers itself, while status is not 0; and the note
         bool keep_alive = false;
         bool to_head = false;         // a HEAD request
         unsigned status = 0;          // as sent
@@ -40,6 +43,7 @@ private:
         std::uint64_t sent_bytes = 0;
     };
 
+    Awaitable<bool> learn_peer();
     Awaitable<bool> serve_one();
     Awaitable<bool> read_head(Turn& turn);
     Awaitable<bool> read_body(Turn& turn);
@@ -54,9 +58,9 @@ private:
     Awaitable<void> linger();
 
     bool parse_head(Turn& turn, std::size_t head_bytes);
+    void identify(Turn& turn);
     std::optional<PageReason> route(Turn& turn);
-    bool hold_body(std::size_t bytes);
-    std::shared_ptr<MemoryAccount> memory() const; // of the user's address
+    static bool hold_body(Turn& turn);
     std::shared_ptr<Exchange> submit(Turn& turn);
     void account(const Turn& turn);
 
@@ -65,9 +69,8 @@ private:
     const FrontOptions& options_;
     UserStream stream_;
     Deadline deadline_;
-    const std::shared_ptr<Client> client_;
-    Guest guest_;
-    Reservation body_memory_;
+    Source peer_;
+    Guest guest_;       // during a request, of its user; else of the peer
     std::string input_; // read, not yet consumed
     bool idle_ = true;
     bool is_first_ = true;

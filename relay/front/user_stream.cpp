@@ -1,7 +1,7 @@
 #include "front/user_stream.h"
 
+#include "base/arrival.h"
 #include "base/crowd.h"
-#include "base/text.h"
 
 #include <boost/asio/write.hpp>
 
@@ -15,14 +15,20 @@ UserStream::UserStream(Socket socket, TlsContext tls)
     if (context_)
         tls_ = std::make_unique<TlsStream>(socket_, *context_);
     error_code ignored;
-    address_ = to_text(socket_.remote_endpoint(ignored).address());
     socket_.set_option(Tcp::no_delay(true), ignored);
 }
 
-Awaitable<bool> UserStream::handshake() {
+Awaitable<ProxyHeader> UserStream::proxy_header(std::string& input) {
+    return receive_proxy_header(socket_, input);
+}
+
+Awaitable<bool> UserStream::handshake(std::string& input) {
+    if (!tls_)
+        co_return true;
     error_code error;
-    if (tls_)
-        co_await tls_->async_handshake(asio::ssl::stream_base::server, into(error));
+    co_await tls_->async_handshake(asio::ssl::stream_base::server, asio::buffer(input),
+                                   into(error));
+    input.clear();
     co_return !error;
 }
 

@@ -1,10 +1,12 @@
 // A user's connection, plain or TLS, as bytes.
 #pragma once
 
+#include "base/proxy_header.h"
 #include "base/tls.h"
 
 #include <array>
 #include <memory>
+#include <string>
 #include <string_view>
 
 namespace relay {
@@ -15,9 +17,11 @@ public:
     UserStream(Socket socket, TlsContext tls);
 
     bool is_tls() const { return tls_ != nullptr; }
-    const std::string& address() const { return address_; } // without port
 
-    Awaitable<bool> handshake();
+    // As receive_proxy_header().
+    Awaitable<ProxyHeader> proxy_header(std::string& input);
+    // TLS takes what has come already out of `input`.
+    Awaitable<bool> handshake(std::string& input);
     // 0: the user is gone.
     Awaitable<std::size_t> read_some(asio::mutable_buffer buffer);
     // Both texts, one after the other. False: the user is gone.
@@ -36,7 +40,6 @@ private:
     Socket socket_;
     TlsContext context_; // kept: a reload replaces the front's
     std::unique_ptr<TlsStream> tls_;
-    std::string address_;
 };
 
 } // namespace relay

@@ -56,6 +56,13 @@ json::object front(const relay::FrontOptions& o) {
             {"hold_s", o.hold.count()}};
 }
 
+json::array networks(const relay::Networks& networks) {
+    json::array texts;
+    for (const auto& network : networks.list())
+        texts.emplace_back(network.to_string());
+    return texts;
+}
+
 std::string file_of(const relay::Config& config) {
     return json::serialize(json::object{{"devices", devices(config.devices)},
                                         {"front", front(config.front)},
@@ -63,6 +70,7 @@ std::string file_of(const relay::Config& config) {
                                          {{"listen", listen(config.admin.listen)},
                                           {"token_file", config.admin.token_file},
                                           {"metrics_token_file", config.admin.metrics_token_file}}},
+                                        {"trusted_proxies", networks(config.trusted_proxies)},
                                         {"access_log", config.access_log},
                                         {"access_log_query", config.access_log_query},
                                         {"memory_bytes", config.memory_bytes},

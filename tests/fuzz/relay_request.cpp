@@ -1,7 +1,10 @@
-// A user's request, from the bytes of his connection to what the device's web server gets.
+// A user's request, from the bytes of his connection, which a trusted proxy has made, to what the
+// device's web server gets.
 //
 // Input: most bytes of one read (8 bits), then the connection's bytes.
 
+#include "base/text.h"
+#include "front/forwarded.h"
 #include "front/headers.h"
 #include "front/request.h"
 #include "fuzz.h"
@@ -14,12 +17,15 @@ using namespace relay;
 
 constexpr std::size_t max_header_bytes = 1024; // small limits, which an input can reach
 constexpr std::size_t max_body_bytes = 2048;
+constexpr std::string_view proxy = "10.0.0.1";
 constexpr std::string_view device_host = "127.0.0.1:81";
 
 struct Relayed {
     enum class End { incomplete, refused, passed_on };
 
     End end = End::incomplete;
+    std::string user;
+    std::string_view scheme;
     std::string target;
     std::string body;
     std::string to_device;
@@ -89,6 +95,15 @@ bool receive_body(Connection& connection, RequestParser& parser, Relayed& result
     return true;
 }
 
+void identify(const RequestHead& head, Relayed& result) {
+    Networks trusted;
+    REQUIRE(trusted.add("10.0.0.0/8"));
+    const auto told = read_forwarded(head, trusted);
+    REQUIRE(told.scheme.empty() || told.scheme == "http" || told.scheme == "https");
+    result.user = told.user ? to_text(*told.user) : std::string(proxy);
+    result.scheme = told.scheme.empty() ? "http" : told.scheme;
+}
+
 Relayed relay_request(std::string_view bytes, std::size_t slice) {
     Connection connection(bytes, slice);
     RequestParser parser;
@@ -100,14 +115,15 @@ Relayed relay_request(std::string_view bytes, std::size_t slice) {
         return result;
     const auto route = route_of(parser.get(), "relay.example");
     if (!route)
-        return {Relayed::End::refused, {}, {}, {}, {}};
+        return {Relayed::End::refused, {}, {}, {}, {}, {}, {}};
+    identify(parser.get(), result);
     if (!receive_body(connection, parser, result))
         return result;
     result.end = Relayed::End::passed_on;
     result.target = route->target;
     result.body = parser.get().body();
     const bool has_body = parser.chunked() || parser.content_length().has_value();
-    result.to_device = device_head(head, *route, {device_host, "192.0.2.1", "http"},
+    result.to_device = device_head(head, *route, {device_host, result.user, result.scheme},
                                    result.body.size(), has_body) +
                        result.body;
     result.rest = connection.rest();
@@ -134,7 +150,7 @@ void check_lines(std::string_view head, const Relayed& relayed) {
         users += name == "x-forwarded-for";
         lengths += name == "content-length";
         REQUIRE(name != "host" || value == device_host);
-        REQUIRE(name != "x-forwarded-for" || value == "192.0.2.1");
+        REQUIRE(name != "x-forwarded-for" || value == relayed.user);
         REQUIRE(name != "content-length" || value == std::to_string(relayed.body.size()));
         REQUIRE(name != "connection" || value == "close");
     }

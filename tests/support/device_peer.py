@@ -81,9 +81,10 @@ class Device(Session):
     """One connection of a device. TLS stands when it is made; nothing has been said."""
 
     def __init__(self, port, device_id=DEVICE_ID, version=None, receive_buffer=None,
-                 source="127.0.0.1"):
+                 source="127.0.0.1", lead=b""):
         """`version`: the only ssl.TLSVersion to offer. `receive_buffer`: bytes the system keeps.
-        `source`: the address it comes from."""
+        `source`: the address it comes from. `lead`: bytes in front of TLS, in one segment with its
+        first ones."""
         self.id = device_id
         self._record_bytes = bytearray()
         self._requests = []
@@ -94,6 +95,7 @@ class Device(Session):
         connection.bind((source, 0))
         connection.connect(("127.0.0.1", port))
         connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        connection.send(lead, socket.MSG_MORE)
         super().__init__(connection, _context(version), server_side=False)
         self._record_bytes.clear()
 

@@ -31,8 +31,10 @@ class Response:
 class User:
     """Use it as a context manager, or call close()."""
 
-    def __init__(self, relay, device_id=DEVICE_ID, receive_buffer=None, source="127.0.0.1"):
-        """`receive_buffer`: bytes the system keeps. `source`: the address he comes from."""
+    def __init__(self, relay, device_id=DEVICE_ID, receive_buffer=None, source="127.0.0.1",
+                 lead=b""):
+        """`receive_buffer`: bytes the system keeps. `source`: the address he comes from. `lead`:
+        bytes in front of TLS or HTTP, in one segment with the first of those."""
         self._relay = relay
         self.host = relay.host(device_id)
         self.socket = socket.socket()
@@ -42,6 +44,7 @@ class User:
         self.socket.bind((source, 0))
         self.socket.connect(("127.0.0.1", relay.front_port))
         self.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        self.socket.send(lead, socket.MSG_MORE)
         if relay.front_is_tls:
             context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
             context.check_hostname = False

@@ -24,6 +24,20 @@ TEST(Clients, OfAnIpv6NetworkOf64BitsAreOne) {
     EXPECT_NE(clients.at(address("2001:db8:0:2::1")), one);
 }
 
+TEST(Clients, ThatAreTrustedProxiesAreOneByOne) {
+    Networks networks;
+    ASSERT_TRUE(networks.add("2001:db8::/127"));
+    Clients clients(networks);
+    const auto first = clients.at(address("2001:db8::"));
+    const auto second = clients.at(address("2001:db8::1"));
+    const auto stranger = clients.at(address("2001:db8::2"));
+    EXPECT_TRUE(first->is_trusted_proxy && second->is_trusted_proxy);
+    EXPECT_FALSE(stranger->is_trusted_proxy) << "it is in the same network of 64 bits";
+    EXPECT_NE(first, second);
+    EXPECT_NE(first, stranger);
+    EXPECT_EQ(clients.count(), 3u);
+}
+
 TEST(Clients, AreForgottenWhenNobodyHasThem) {
     Clients clients;
     {

@@ -133,6 +133,28 @@ TEST_F(ConfigFile, AccessLogCountsFromTheFilesFolderAsEveryPathDoes) {
     EXPECT_EQ(loaded(with("access_log", "access.log")).access_log, folder_.file("access.log"));
 }
 
+TEST_F(ConfigFile, TrustsNoProxyUnlessItIsNamed) {
+    EXPECT_TRUE(loaded(json::serialize(least())).trusted_proxies.list().empty());
+    EXPECT_TRUE(loaded(with("trusted_proxies", json::array{})).trusted_proxies.list().empty());
+    const auto proxies =
+        loaded(with("trusted_proxies", {"192.0.2.7", "10.0.0.0/8", "2001:db8::/32"}))
+            .trusted_proxies;
+    for (const char* address : {"192.0.2.7", "10.1.2.3", "2001:db8::1"})
+        EXPECT_TRUE(proxies.contain(asio::ip::make_address(address))) << address;
+    EXPECT_FALSE(proxies.contain(asio::ip::make_address("192.0.2.8")));
+}
+
+TEST_F(ConfigFile, TrustedProxiesAreAListOfAddressesAndNetworks) {
+    for (const json::value& value :
+         {json::value("192.0.2.7"), json::value(1), json::value(nullptr),
+          json::value(json::array{1}), json::value(json::array{"proxy.example"}),
+          json::value(json::array{"10.0.0.1/8"}), json::value(json::array{"192.0.2.7", ""})})
+        EXPECT_EQ(mistake_in(with("trusted_proxies", value)),
+                  ": trusted_proxies is " + json::serialize(value) +
+                      "; it must be a list of addresses and networks, such as \"192.0.2.7\" and "
+                      "\"10.0.0.0/8\", without bits behind a network's length");
+}
+
 TEST_F(ConfigFile, UnknownOptionIsAMistakeInEverySection) {
     EXPECT_EQ(mistake_in(with("devices.hello", 1)), ": unknown option devices.hello");
     EXPECT_EQ(mistake_in(with("front.hello", 1)), ": unknown option front.hello");

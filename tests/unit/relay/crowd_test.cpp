@@ -19,6 +19,14 @@ class CrowdTest : public testing::Test {
 protected:
     static constexpr Crowd::Limits limits{4, 3};
 
+    static constexpr const char* proxy = "192.0.2.99";
+
+    static Networks trusted() {
+        Networks networks;
+        EXPECT_TRUE(networks.add(proxy));
+        return networks;
+    }
+
     void SetUp() override { testing::internal::CaptureStderr(); }
     void TearDown() override { testing::internal::GetCapturedStderr(); }
 
@@ -35,7 +43,7 @@ protected:
 
     Coroutines coroutines_;
     Deadlines deadlines_{coroutines_.executor()};
-    Clients clients_;
+    Clients clients_{trusted()};
     std::uint64_t turned_away_ = 0;
     int left_ = 0;
     Crowd crowd_{deadlines_, limits, "guests", users_count, turned_away_, [this] { ++left_; }};
@@ -88,6 +96,39 @@ TEST_F(CrowdTest, SendsAwayAnIdleOneOfTheSameAddressFirst) {
     enter("c", "192.0.2.1", true);
     EXPECT_TRUE(crowd_.admits(*client("192.0.2.1")));
     EXPECT_THAT(sent_away_, ElementsAre("b"));
+}
+
+TEST_F(CrowdTest, GivesATrustedProxyAllPlaces) {
+    for (const char* name : {"a", "b", "c", "d"}) {
+        EXPECT_TRUE(crowd_.admits(*client(proxy)));
+        enter(name, proxy, false);
+    }
+    EXPECT_FALSE(crowd_.has_room());
+    EXPECT_EQ(turned_away_, 0u);
+}
+
+TEST_F(CrowdTest, CountsAGuestForTheAddressThatATrustedProxyNames) {
+    for (const char* name : {"a", "b", "c"}) {
+        enter(name, proxy, false);
+        EXPECT_TRUE(guests_.at(name).comes_from(client("192.0.2.1")));
+        EXPECT_EQ(&guests_.at(name).client(), client("192.0.2.1").get());
+    }
+    EXPECT_EQ(client("192.0.2.1")->connections[users_count], 3u);
+    EXPECT_EQ(client(proxy)->connections[users_count], 0u);
+    EXPECT_FALSE(crowd_.admits(*client("192.0.2.1"))) << "it may not come by itself either";
+    leave("a");
+    EXPECT_EQ(client("192.0.2.1")->connections[users_count], 2u);
+}
+
+TEST_F(CrowdTest, TurnsAwayWhatATrustedProxyBringsOfAnAddressWithoutAShareLeft) {
+    for (const char* name : {"a", "b", "c"})
+        enter(name, "192.0.2.1", false);
+    enter("brought", proxy, false);
+    EXPECT_FALSE(guests_.at("brought").comes_from(client("192.0.2.1")));
+    EXPECT_EQ(&guests_.at("brought").client(), client(proxy).get());
+    EXPECT_EQ(turned_away_, 1u);
+    EXPECT_TRUE(guests_.at("brought").comes_from(client("192.0.2.2")));
+    EXPECT_TRUE(guests_.at("a").comes_from(client("192.0.2.1"))) << "it is one of them already";
 }
 
 TEST_F(CrowdTest, LogsTheFirstOneAtOnceAndThenOnceAMinute) {
