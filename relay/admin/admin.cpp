@@ -102,13 +102,15 @@ Admin::Admin(const Services& services)
                          log::warning("operators' listener: ", number,
                                       " requests without the token that they need");
                      }),
-      crowd_(services.deadlines, {max_connections, max_connections_per_address},
-             "connections of operators", operators_count,
-             services.metrics.admin_connections_turned_away, [this] { listener_.look_again(); }),
-      listener_(
-          services.executor, services.deadlines,
-          [this](Socket socket) { welcome(std::move(socket)); },
-          [this] { return crowd_.has_room(); }) {}
+      door_(services.executor, services.deadlines, services.clients,
+            {{max_connections, max_connections_per_address},
+             "connections of operators",
+             operators_count,
+             services.metrics.admin_connections,
+             services.metrics.admin_connections_turned_away},
+            [this](Socket socket, std::shared_ptr<Client> client) {
+                welcome(std::move(socket), std::move(client));
+            }) {}
 
 bool Admin::load(std::string& error) {
     const auto& options = services_.config.admin;
@@ -121,27 +123,23 @@ bool Admin::load(std::string& error) {
 }
 
 bool Admin::listen(std::string& error) {
-    return listener_.listen(services_.config.admin.listen, error);
+    return door_.listen(services_.config.admin.listen, error);
 }
 
 std::uint16_t Admin::port() const {
-    return listener_.port();
+    return door_.port();
 }
 
 void Admin::close_all() {
-    listener_.close();
+    door_.close();
     error_code ignored;
     for (Connection* const connection : connections_)
         connection->socket.close(ignored);
 }
 
-void Admin::welcome(Socket socket) {
-    error_code ignored;
-    auto client = services_.clients.at(socket.remote_endpoint(ignored).address());
-    if (!crowd_.admits(*client))
-        return; // closes it
+void Admin::welcome(Socket socket, std::shared_ptr<Client> client) {
     const auto connection =
-        std::make_shared<Connection>(crowd_, std::move(client), std::move(socket));
+        std::make_shared<Connection>(door_.crowd(), std::move(client), std::move(socket));
     connections_.insert(connection.get());
     spawn(
         services_.executor, alive_, [&] { return serve(connection); },

@@ -16,9 +16,8 @@
 #include "base/access_log.h"
 #include "base/clients.h"
 #include "base/config.h"
-#include "base/crowd.h"
 #include "base/deadlines.h"
-#include "base/listen.h"
+#include "base/door.h"
 #include "base/memory_budget.h"
 #include "base/metrics.h"
 #include "devices/devices.h"
@@ -63,7 +62,7 @@ private:
     struct Connection;
     struct Asked;
 
-    void welcome(Socket socket);
+    void welcome(Socket socket, std::shared_ptr<Client> client);
     Awaitable<void> serve(std::shared_ptr<Connection> connection);
     Awaitable<void> answer(const Connection& connection, const Request& request,
                            Response& response);
@@ -76,8 +75,7 @@ private:
     AdminTokens tokens_;
     std::set<std::string> asked_for_tokens_; // keys of devices
     Tally failed_logins_;
-    Crowd crowd_;
-    Listener listener_;
+    Door door_;
     std::set<Connection*> connections_;
     const std::shared_ptr<const void> alive_ = std::make_shared<char>(); // the first to go
 };

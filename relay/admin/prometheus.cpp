@@ -98,6 +98,8 @@ std::string to_prometheus(const Metrics& metrics, const Gauges& gauges) {
     page.single("user_connections_turned_away_total", counter,
                 "Connections of users that were refused, or closed while idle, for others.",
                 d(metrics.user_connections_turned_away));
+    page.single("admin_connections_total", counter, "Connections of operators accepted.",
+                d(metrics.admin_connections));
     page.single("admin_connections_turned_away_total", counter,
                 "Connections of operators that were refused, or closed while idle, for others.",
                 d(metrics.admin_connections_turned_away));

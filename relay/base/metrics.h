@@ -49,6 +49,7 @@ struct Metrics {
     std::uint64_t user_connections = 0;
     std::uint64_t user_connections_open = 0;
     std::uint64_t user_connections_turned_away = 0; // for want of a place
+    std::uint64_t admin_connections = 0;
     std::uint64_t admin_connections_turned_away = 0;
     std::uint64_t admin_logins_failed = 0;
     std::map<unsigned, std::uint64_t> requests_by_status; // by counted_status()

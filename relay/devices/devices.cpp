@@ -8,16 +8,20 @@ namespace relay {
 
 Devices::Devices(const Executor& executor, const Config& config, Deadlines& deadlines,
                  MemoryBudget& budget, Clients& clients, Metrics& metrics)
-    : executor_(executor), options_(config.devices), clients_(clients),
+    : executor_(executor), options_(config.devices),
       metrics_(metrics), services_{config.devices, deadlines, budget,           clients,
                                    metrics,        *this,     config.front.hold},
-      crowd_(deadlines, {options_.max_handshakes, options_.max_handshakes_per_address},
-             "connections of devices", newcomers_count,
-             metrics.refusals[static_cast<std::size_t>(Refusal::crowded_out)],
-             [this] { listener_.look_again(); }),
-      listener_(
-          executor, deadlines, [this](Socket socket) { welcome(std::move(socket)); },
-          [this] { return has_room(); }) {}
+      door_(
+          executor, deadlines, clients,
+          {{options_.max_handshakes, options_.max_handshakes_per_address},
+           "connections of devices",
+           newcomers_count,
+           metrics.device_connections,
+           metrics.refusals[static_cast<std::size_t>(Refusal::crowded_out)]},
+          [this](Socket socket, std::shared_ptr<Client> client) {
+              welcome(std::move(socket), std::move(client));
+          },
+          [this] { return sessions_.size() + newcomers_.size() < options_.max_connections; }) {}
 
 bool Devices::load_certificate(std::string& error) {
     auto tls = make_tls_context(options_.tls, error);
@@ -40,16 +44,16 @@ bool Devices::load_policy(std::string& error) {
 }
 
 bool Devices::listen(std::string& error) {
-    return listener_.listen(options_.listen, error);
+    return door_.listen(options_.listen, error);
 }
 
 std::uint16_t Devices::port() const {
-    return listener_.port();
+    return door_.port();
 }
 
 void Devices::drain() {
     draining_ = true;
-    listener_.close();
+    door_.close();
 }
 
 void Devices::close_all() {
@@ -102,21 +106,12 @@ void Devices::ended(DeviceSession& session) {
     const auto found = sessions_.find(device_key(session.hello().device_id));
     if (found != sessions_.end() && found->second == self)
         sessions_.erase(found);
-    listener_.look_again();
+    door_.look_again();
 }
 
-bool Devices::has_room() {
-    return sessions_.size() + newcomers_.size() < options_.max_connections && crowd_.has_room();
-}
-
-void Devices::welcome(Socket socket) {
-    ++metrics_.device_connections;
-    error_code ignored;
-    auto client = clients_.at(socket.remote_endpoint(ignored).address());
-    if (!crowd_.admits(*client))
-        return; // closes it
-    const auto session = std::make_shared<DeviceSession>(services_, crowd_, std::move(client),
-                                                         std::move(socket), tls_);
+void Devices::welcome(Socket socket, std::shared_ptr<Client> client) {
+    const auto session = std::make_shared<DeviceSession>(
+        services_, door_.crowd(), std::move(client), std::move(socket), tls_);
     newcomers_.insert(session);
     spawn(
         executor_, alive_, [&session] { return session->run(); },

@@ -2,8 +2,7 @@
 #pragma once
 
 #include "base/config.h"
-#include "base/crowd.h"
-#include "base/listen.h"
+#include "base/door.h"
 #include "devices/device_services.h"
 #include "devices/device_session.h"
 #include "devices/policy.h"
@@ -38,7 +37,7 @@ public:
     // All sessions, by device id.
     void for_each(const std::function<void(const DeviceSession&)>& visit) const;
     std::size_t count() const { return sessions_.size(); }
-    std::size_t handshakes() const { return crowd_.size(); }
+    std::size_t handshakes() const { return door_.crowd().size(); }
     std::size_t open_exchanges() const;
 
 private:
@@ -47,18 +46,15 @@ private:
     void admitted(DeviceSession& session) override;
     void ended(DeviceSession& session) override;
 
-    bool has_room();
-    void welcome(Socket socket);
+    void welcome(Socket socket, std::shared_ptr<Client> client);
 
     Executor executor_;
     const DeviceOptions& options_;
-    Clients& clients_;
     Metrics& metrics_;
     DeviceServices services_;
-    Crowd crowd_; // of those that are no session yet
     Policy policy_;
     TlsContext tls_;
-    Listener listener_;
+    Door door_; // its crowd: those that are no session yet
     bool draining_ = false;
     std::map<std::string, std::shared_ptr<DeviceSession>, std::less<>> sessions_; // by device_key()
     std::unordered_set<std::shared_ptr<DeviceSession>> newcomers_;                // no session yet

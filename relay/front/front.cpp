@@ -9,16 +9,16 @@
 namespace relay {
 
 Front::Front(const Services& services)
-    : services_(services),
-      crowd_(services.deadlines,
-             {services.config.front.max_connections,
-              services.config.front.max_connections_per_address},
-             "connections of users", users_count, services.metrics.user_connections_turned_away,
-             [this] { listener_.look_again(); }),
-      listener_(
-          services.executor, services.deadlines,
-          [this](Socket socket) { welcome(std::move(socket)); },
-          [this] { return crowd_.has_room(); }) {}
+    : services_(services), door_(services.executor, services.deadlines, services.clients,
+                                 {{services.config.front.max_connections,
+                                   services.config.front.max_connections_per_address},
+                                  "connections of users",
+                                  users_count,
+                                  services.metrics.user_connections,
+                                  services.metrics.user_connections_turned_away},
+                                 [this](Socket socket, std::shared_ptr<Client> client) {
+                                     welcome(std::move(socket), std::move(client));
+                                 }) {}
 Front::~Front() = default;
 
 bool Front::load(std::string& error) {
@@ -33,16 +33,16 @@ bool Front::load(std::string& error) {
 }
 
 bool Front::listen(std::string& error) {
-    return listener_.listen(services_.config.front.listen, error);
+    return door_.listen(services_.config.front.listen, error);
 }
 
 std::uint16_t Front::port() const {
-    return listener_.port();
+    return door_.port();
 }
 
 void Front::drain() {
     draining_ = true;
-    listener_.close();
+    door_.close();
     for (const auto& connection : connections_)
         if (connection->is_idle())
             connection->close();
@@ -62,17 +62,13 @@ void Front::ended(UserConnection& connection) {
     services_.metrics.user_connections_open = connections_.size();
 }
 
-void Front::welcome(Socket socket) {
-    Metrics& metrics = services_.metrics;
-    ++metrics.user_connections;
+void Front::welcome(Socket socket, std::shared_ptr<Client> client) {
     error_code ignored;
-    auto source = source_at(socket.remote_endpoint(ignored).address());
-    if (!crowd_.admits(*source.client))
-        return; // closes it
+    Source source{to_text(socket.remote_endpoint(ignored).address()), std::move(client)};
     const auto connection = std::make_shared<UserConnection>(
-        *this, services_, crowd_, std::move(source), std::move(socket), tls_);
+        *this, services_, door_.crowd(), std::move(source), std::move(socket), tls_);
     connections_.insert(connection);
-    metrics.user_connections_open = connections_.size();
+    services_.metrics.user_connections_open = connections_.size();
     spawn(
         services_.executor, alive_, [&connection] { return connection->run(); },
         [this, connection] { ended(*connection); });

@@ -4,9 +4,8 @@
 #include "base/access_log.h"
 #include "base/clients.h"
 #include "base/config.h"
-#include "base/crowd.h"
 #include "base/deadlines.h"
-#include "base/listen.h"
+#include "base/door.h"
 #include "base/memory_budget.h"
 #include "base/metrics.h"
 #include "base/tls.h"
@@ -58,12 +57,11 @@ public:
     void ended(UserConnection& connection);
 
 private:
-    void welcome(Socket socket);
+    void welcome(Socket socket, std::shared_ptr<Client> client);
 
     Services services_;
     TlsContext tls_;
-    Crowd crowd_;
-    Listener listener_;
+    Door door_;
     bool draining_ = false;
     std::unordered_set<std::shared_ptr<UserConnection>> connections_;
     const std::shared_ptr<const void> alive_ = std::make_shared<char>(); // the first to go

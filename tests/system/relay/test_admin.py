@@ -167,7 +167,7 @@ def metrics(relay):
 def test_metrics_before_anything_has_happened(relay):
     samples = metrics(relay)
     busy = {name for name, value in samples.items() if value != 0}
-    assert busy == {"relay_memory_limit_bytes"}
+    assert busy == {"relay_memory_limit_bytes", "relay_admin_connections_total"}
     assert samples["relay_memory_limit_bytes"] == 256 << 20
     assert {name for name in samples if name.startswith("relay_handshakes_refused_total")} == {
         f'relay_handshakes_refused_total{{cause="{cause}"}}' for cause in (

@@ -191,7 +191,7 @@ protected:
     Metrics metrics_;
     std::uint64_t turned_away_ = 0;
     Crowd crowd_{deadlines_, {8, 8}, "connections", newcomers_count, turned_away_, [] {}};
-    DeviceServices services_{options_, deadlines_, budget_, metrics_, *this, 60s};
+    DeviceServices services_{options_, deadlines_, budget_, clients_, metrics_, *this, 60s};
     std::string objection_;
     bool is_draining_ = false;
     int admitted_ = 0;
