@@ -3,14 +3,13 @@
 #include "base/log.h"
 #include "base/text.h"
 #include "front/forwarded.h"
+#include "front/pace.h"
 
 namespace relay {
 namespace {
 
 constexpr std::size_t read_bytes = 16 << 10;
 constexpr std::size_t write_bytes = 256 << 10;
-// The slowest user that is waited for, in bytes a second, after `patience`.
-constexpr std::size_t least_rate = 4096;
 // For a user to read the page before the connection is reset under what he still sends.
 constexpr std::chrono::seconds farewell{2};
 constexpr std::size_t farewell_bytes = 1 << 20;
@@ -200,7 +199,6 @@ std::optional<PageReason> UserConnection::route(Turn& turn) {
 Awaitable<bool> UserConnection::read_body(Turn& turn) {
     if (turn.parser.is_done())
         co_return true;
-    const auto began = Clock::now();
     const std::string_view expected = turn.parser.get()[http::field::expect];
     if (turn.parser.get().version() == 11 && input_.empty() &&
         equals_ignoring_case(expected, "100-continue")) {
@@ -209,6 +207,7 @@ Awaitable<bool> UserConnection::read_body(Turn& turn) {
             co_return false;
     }
     turn.parser.eager(true);
+    Pace pace(options_.patience, Clock::now());
     while (true) {
         std::size_t taken = 0;
         const auto reason = take_body(turn.parser, input_, options_.max_header_bytes, taken);
@@ -223,8 +222,8 @@ Awaitable<bool> UserConnection::read_body(Turn& turn) {
             turn.page = *reason;
             co_return true;
         }
-        // What surrounds chunks buys no time.
-        deadline_.set_at(began + options_.patience + time_for(turn.parser.get().body().size()));
+        // What surrounds chunks does not count.
+        deadline_.set_at(pace.due(turn.parser.get().body().size(), Clock::now()));
         const bool read = co_await read_more();
         if (!read)
             co_return false;

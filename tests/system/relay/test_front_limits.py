@@ -62,6 +62,34 @@ def test_a_body_that_comes_too_slowly_ends_the_connection(relay, device, user):
 
 @PATIENT_1_S
 @pytest.mark.lasts(3)
+@pytest.mark.parametrize("chunked", [False, True], ids=["counted", "chunked"])
+def test_what_came_quickly_buys_a_slow_body_no_time(relay, device, user, chunked):
+    """At 4 KiB a second, 8 MB would be half an hour's worth."""
+    length = "Transfer-Encoding: chunked" if chunked else f"Content-Length: {9 * MIB}"
+    user.send(user.head(method="POST", headers=[length]) + (b"%x\r\n" % (9 * MIB) * chunked) +
+              b"x" * 8 * MIB)
+    wait_until(lambda: relay.metric("relay_memory_used_bytes") >= 8 * MIB, "it has come")
+    assert dribble(user, b"x" * 1000, 0.05) < 4 * slowness()
+    user.expect_closed()
+    device.beat()
+
+
+@pytest.mark.relay(options={"front": {"patience_s": 2}})
+@pytest.mark.lasts(5)
+def test_a_body_that_comes_steadily_is_waited_for(device, user):
+    body = b"x" * 16 * 8192
+    user.send(user.head(method="POST", headers=[f"Content-Length: {len(body)}"]))
+    for _ in range(16):  # twice its pace, for twice its time
+        time.sleep(0.25)
+        user.send(b"x" * 8192)
+    request = device.expect_request()
+    assert request.body == body
+    device.answer(request)
+    user.expect(200)
+
+
+@PATIENT_1_S
+@pytest.mark.lasts(3)
 @pytest.mark.parametrize("said", [b"", b"\r\n", b"G"])
 def test_who_says_nothing_is_not_waited_for(relay, user, said):
     started = time.monotonic()
