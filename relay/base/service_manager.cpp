@@ -2,11 +2,15 @@
 
 #include "base/log.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
 #include <systemd/sd-daemon.h>
+#include <unistd.h>
 
 namespace relay {
 namespace {
@@ -28,32 +32,50 @@ std::string monotonic_us() {
 
 } // namespace
 
-// Three beats in the manager's limit: one may be late and one may be lost.
-ServiceManager::ServiceManager() : is_there_(std::getenv("NOTIFY_SOCKET") != nullptr) {
+// sd_notify() waits without a limit for a manager that does not read; this socket does not.
+ServiceManager::ServiceManager() {
+    const char* name = std::getenv("NOTIFY_SOCKET");
+    if (!name)
+        return;
+    socket_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const std::size_t length = std::min(std::strlen(name), sizeof address_.sun_path);
+    address_.sun_family = AF_UNIX;
+    std::memcpy(address_.sun_path, name, length);
+    if (name[0] == '@')
+        address_.sun_path[0] = '\0'; // a name outside the file system
+    address_length_ = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length);
+    // Three beats in the manager's limit: one may be late and one may be lost.
     std::uint64_t limit_us = 0;
-    if (is_there_ && sd_watchdog_enabled(0, &limit_us) > 0)
+    if (sd_watchdog_enabled(0, &limit_us) > 0)
         beat_interval_ = std::chrono::microseconds(limit_us / 3);
 }
 
+ServiceManager::~ServiceManager() {
+    if (socket_ >= 0)
+        close(socket_);
+}
+
 void ServiceManager::ready() {
-    send("READY=1");
+    announce("READY=1");
 }
 
 void ServiceManager::reloading() {
-    send("RELOADING=1\nMONOTONIC_USEC=" + monotonic_us());
+    announce("RELOADING=1\nMONOTONIC_USEC=" + monotonic_us());
 }
 
 void ServiceManager::stopping(std::chrono::seconds at_most) {
     is_stopping_ = true;
     const std::chrono::microseconds limit = at_most + margin;
-    send("STOPPING=1\nEXTEND_TIMEOUT_USEC=" + std::to_string(limit.count()));
+    announce("STOPPING=1\nEXTEND_TIMEOUT_USEC=" + std::to_string(limit.count()));
 }
 
 void ServiceManager::each_sweep(std::size_t devices, std::size_t users) {
-    if (!is_there_)
+    if (socket_ < 0)
         return;
     const auto now = Clock::now();
     beat(now);
+    if (!unsent_.empty() && send(unsent_))
+        unsent_.clear();
     show(now, devices, users);
 }
 
@@ -70,22 +92,29 @@ void ServiceManager::show(Clock::time_point now, std::size_t devices, std::size_
     next_status_ = now + status_interval;
     std::string status = is_stopping_ ? "draining: " : "";
     status += counted(devices, "device") + ", " + counted(users, "user connection");
-    if (status == status_)
+    if (status != status_ && send("STATUS=" + status))
+        status_ = std::move(status);
+}
+
+void ServiceManager::announce(std::string state) {
+    if (socket_ < 0)
         return;
-    status_ = std::move(status);
-    send("STATUS=" + status_);
+    unsent_ = std::move(state);
+    if (send(unsent_))
+        unsent_.clear();
 }
 
 // The first failure is logged; the manager's own time limits show the others.
-void ServiceManager::send(const std::string& state) {
-    if (!is_there_)
-        return;
-    const int result = sd_notify(0, state.c_str());
-    if (result >= 0 || failure_is_logged_)
-        return;
+bool ServiceManager::send(const std::string& state) {
+    if (sendto(socket_, state.data(), state.size(), MSG_NOSIGNAL,
+               reinterpret_cast<const sockaddr*>(&address_), address_length_) >= 0)
+        return true;
+    const int number = errno;
+    if (!failure_is_logged_)
+        log::warning("the service manager takes no report at NOTIFY_SOCKET: ",
+                     std::strerror(number));
     failure_is_logged_ = true;
-    log::warning("the service manager cannot be reached at NOTIFY_SOCKET: ",
-                 std::strerror(-result));
+    return false;
 }
 
 } // namespace relay

@@ -5,6 +5,7 @@
         report = manager.expect("READY", "1")
 """
 
+import contextlib
 import socket
 import time
 from dataclasses import dataclass
@@ -50,6 +51,14 @@ class ServiceManager:
             report = self.next(deadline - time.monotonic())
             if name in report.values and value in (None, report.values[name]):
                 return report
+
+    def fill(self):
+        """Leaves no room for another report until one is read."""
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as stranger:
+            stranger.setblocking(False)
+            with contextlib.suppress(BlockingIOError):
+                while True:
+                    stranger.sendto(b"FILLER=1", self.path)
 
     def read_all(self):
         """Takes what has been sent until now."""

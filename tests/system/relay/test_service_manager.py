@@ -5,6 +5,8 @@ import socket
 
 import pytest
 
+from device_peer import Device
+from http_user import User
 from service_manager import ServiceManager
 
 
@@ -107,7 +109,21 @@ def test_a_drain_asks_for_its_time_and_beats_on(relay, manager, device, user):
 def test_a_manager_that_has_gone_is_logged_once_and_disturbs_nobody(make_relay, places):
     relay = make_relay(environment={"NOTIFY_SOCKET": str(places.scratch / "nobody"),
                                     "WATCHDOG_USEC": "1000"}).start()
-    relay.log.wait_for("warning the service manager cannot be reached at NOTIFY_SOCKET: No such")
+    relay.log.wait_for("warning the service manager takes no report at NOTIFY_SOCKET: No such")
     relay.reload()
     relay.reload()
     assert relay.log.text.count("NOTIFY_SOCKET") == 1
+
+
+def test_it_serves_on_when_the_manager_reads_nothing(make_relay, manager):
+    manager.fill()
+    relay = make_relay(environment=manager.environment(watchdog_s=0.1)).start()
+    relay.log.wait_for("warning the service manager takes no report at NOTIFY_SOCKET: Resource")
+    with Device(relay.device_port) as device, User(relay) as user:
+        device.join()
+        user.ask()
+        device.answer(device.expect_request())
+        assert user.read().status == 200
+        relay.reload()
+        manager.expect("READY", "1")  # it reads again
+        manager.expect("STATUS", "1 device, 1 user connection")
