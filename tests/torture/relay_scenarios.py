@@ -7,6 +7,7 @@ import threading
 
 from bus_scenarios import EndingProgram
 from device_peer import DEVICE_ID, Device
+from processes import wait_until
 from relay_peer import Closed
 from relay_server import RelayServer
 from scenario import ROUND_LIMIT_S, Problem, Scenario
@@ -47,6 +48,7 @@ class RelayServe(Scenario):
     program_name = "relay_server"
     by_sites = True  # 7000 calls, most of them OpenSSL's
     log_functions = {"write"}
+    kept_blocks = 16  # texts of OpenSSL's last 16 errors
 
     def begin(self):
         self.control.renew()
@@ -55,6 +57,7 @@ class RelayServe(Scenario):
         self.files = (self.relay.configuration, self.relay.policy, self.relay.certificate)
         with self.program.preloaded():
             self.relay.start()
+        self.descriptors = self.relay.process.descriptor_count()  # without a connection
 
     def end(self):
         self.relay.stop()
@@ -82,6 +85,8 @@ class RelayServe(Scenario):
             raise Problem("the relay has ended")
         self.control.disarm()
         self.relay.wait_for_no_device(DEVICE_ID)
+        wait_until(lambda: self.relay.process.descriptor_count() <= self.descriptors,
+                   "all connections are closed", ROUND_LIMIT_S)
         return outcome
 
     def _play(self, device, outcome):
