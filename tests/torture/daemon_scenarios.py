@@ -1,12 +1,14 @@
-"""The daemon: its start, a session, what steers it, a bus that goes."""
+"""The daemon: its start, sessions of several kinds, a restart, a bus that goes."""
 
 import contextlib
 import threading
+import time
 
+import namespaces
 import ubus_wire
 from daemon import DAEMON, OBJECT, Daemon, slowness
 from processes import wait_until
-from relay_peer import RELAY_REQUEST, WEB_TOKEN, Closed, Relay
+from relay_peer import RELAY_REQUEST, WEB_TOKEN, Closed, NothingCame, Relay
 from router import BUS_SOCKET, CONFIGURATION, ROOT_CERTIFICATE, TOKEN_SCRIPT, Router
 from scenario import ROUND_LIMIT_S, Scenario
 from web_peer import WebServer
@@ -92,13 +94,24 @@ class ServingRelay:
                 self._note(step(session))
             with self._changed:
                 self._finished = True
-            self._may_end.wait(ROUND_LIMIT_S)
+            self._stay(session)
         except Closed:
             self._give_up("closed")
         except (AssertionError, OSError) as failure:
             self._give_up(type(failure).__name__)
         finally:
             session.close()
+
+    def _stay(self, session):
+        """Until the relay is let go, or the daemon has gone."""
+        deadline = time.monotonic() + ROUND_LIMIT_S
+        while not self._may_end.is_set() and time.monotonic() < deadline:
+            try:
+                session.read_some(0.05)
+            except NothingCame:
+                pass
+            except Closed:
+                return
 
     def close(self):
         self._closed = True
@@ -191,12 +204,19 @@ class DaemonScenario(Scenario):
         return self.daemon.log.shown() + "\n" + self.daemon.errors
 
     def call(self, method, message=None):
-        """Calls the daemon; the status."""
+        """Calls the daemon, by a new client each time; the status, or how the call failed."""
         try:
-            self.bus.invoke(self.object_id, method, message)
+            with ubus_wire.Client(BUS_SOCKET) as bus:
+                bus.invoke(bus.lookup_id(OBJECT), method, message, _ANSWER_S)
         except ubus_wire.Refused as refused:
             return refused.status
+        except (TimeoutError, OSError, ubus_wire.Closed) as failure:
+            return type(failure).__name__
         return 0
+
+    def serves(self):
+        """Whether the daemon obeys calls; ends a session."""
+        return self.call("stop") == 0
 
 
 class DaemonStart(DaemonScenario):
@@ -208,16 +228,16 @@ class DaemonStart(DaemonScenario):
     def play(self):
         self.start_daemon()
         log = self.daemon.log
-        with ubus_wire.Client(BUS_SOCKET) as bus:
-            def has_started():
-                assert self.daemon.alive, self.daemon.errors
-                self.is_listed = ubus_wire.status_of(bus.lookup, OBJECT) == 0
-                return self.is_listed or self._logged_by("swCloudRelayClientInit")
 
-            self.wait_failing(has_started, "the daemon has started")
+        def has_started():
+            assert self.daemon.alive, self.daemon.errors
+            self.obeys = self.serves()
+            return self.obeys or self._logged_by("swCloudRelayClientInit")
+
+        self.wait_failing(has_started, "the daemon has started")
         with contextlib.suppress(AssertionError):  # the line itself may be what failed
             wait_until(lambda: self._logged_by("adSysApiInit"), "the identity is logged", 0.5)
-        return ["on the bus" if self.is_listed else "not on the bus",
+        return ["on the bus" if self.obeys else "not on the bus",
                 "identity" if log.count("Init OK.") else "no identity"]
 
     def _logged_by(self, function):
@@ -235,11 +255,12 @@ class DaemonSession(DaemonScenario):
 
     def begin(self):
         super().begin()
-        self.relay = ServingRelay(self.authority.certificate(), self.steps)
+        self.relay = self.make_relay()
         self.start_daemon()
         self.daemon.wait_for_object()
-        self.bus = ubus_wire.Client(BUS_SOCKET)
-        self.object_id = self.bus.lookup_id(OBJECT)
+
+    def make_relay(self, **options):
+        return ServingRelay(self.authority.certificate(), self.steps, **options)
 
     def end(self):
         self.relay.close()
@@ -253,19 +274,102 @@ class DaemonSession(DaemonScenario):
         return (self.relay.has_finished or self.relay.has_given_up or self._worker_has_ended())
 
     def play(self):
+        with self.failing_for_a_while():
+            begun = self.begin_session()
+        return begun + self.end_session()
+
+    def begin_session(self):
+        """Begins a session and lets it come as far as it does; what happened."""
         self.relay.begin()
         status = self.call("reload", {"address": self.relay.address, "port": self.relay.port})
-        with self.failing_for_a_while():
-            wait_until(self._is_settled, "served, or ended", ROUND_LIMIT_S)
+        wait_until(self._is_settled, "served, or ended", ROUND_LIMIT_S)
+        return [f"reload {status}", *self.relay.history]
+
+    def end_session(self):
         stopped = self.call("stop")
         try:
             wait_until(self._worker_has_ended, "the worker ends", ROUND_LIMIT_S)
         finally:
             self.relay.let_go()
-        return [f"reload {status}", *self.relay.history, f"stop {stopped}"]
+        return [f"stop {stopped}"]
+
+
+class DaemonLargeAnswer(DaemonSession):
+    """An answer that takes many reads and many TLS records."""
+
+    by_sites = True
+    steps = (hello, heartbeat, request)
+    answer = b"HTTP/1.0 200 OK\r\n\r\n" + b"a" * 300_000
+
+
+class DaemonRestart(DaemonSession):
+    """A reload while a session stands ends it and begins the next one."""
+
+    on_main = True
+    by_sites = True
+    steps = (hello, heartbeat)  # a stop before the session stands is forgotten
+
+    def play(self):
+        with self.failing_for_a_while():
+            begun = self.begin_session() + self.begin_session()
+        return begun + self.end_session()
+
+
+class DaemonUplinks(DaemonSession):
+    """A relay behind the second of two uplinks: the first session looks for the way, the next one
+    takes the way that worked."""
+
+    lasting = False
+    by_sites = True
+    steps = (hello, heartbeat)  # a stop before the session stands is forgotten
+
+    def begin(self):
+        self.uplinks = [namespaces.Uplink("wan0", 1, 10), namespaces.Uplink("wan1", 2, 20)]
+        self.uplinks[0].refuse("10.99.0.1")
+        self.uplinks[1].host("10.99.0.1")
+        DaemonScenario.begin(self)
+        self.relay = self.make_relay(listener=self.uplinks[1].listen("10.99.0.1"))
+
+    def end(self):
+        try:
+            super().end()
+        finally:
+            for uplink in self.uplinks:
+                uplink.remove()
+
+    def play(self):
+        self.start_daemon()
+        self.daemon.wait_for_object()
+        with self.failing_for_a_while():
+            found = self.begin_session()
+            found += self.end_session()
+            taken = self.begin_session()
+        return found + taken + self.end_session()
+
+    def leave(self):
+        self.finish_daemon()
+
+
+class DaemonBusLoss(DaemonScenario):
+    """The bus ends and comes back; the daemon is there again."""
+
+    def begin(self):
+        super().begin()
+        self.start_daemon()
+        self.daemon.wait_for_object()
+
+    def play(self):
+        with self.failing_for_a_while():
+            self.router.restart_bus()
+            wait_until(self.serves, "the daemon serves its object", ROUND_LIMIT_S)
+        return ["serves"]
 
 
 SCENARIOS = {
     "daemon_start": DaemonStart,
     "daemon_session": DaemonSession,
+    "daemon_large_answer": DaemonLargeAnswer,
+    "daemon_restart": DaemonRestart,
+    "daemon_uplinks": DaemonUplinks,
+    "daemon_bus_loss": DaemonBusLoss,
 }
