@@ -41,6 +41,8 @@ KNOWN = (
           "Boost.Asio does not look whether its pipe for signals is watched"),
     Known("write", ("boost_asio_signal_handler",), r"did not end within",
           "Boost.Asio's signal handler cannot report that the pipe took nothing"),
+    Known("read", ("do_perform",), r"did not end within",
+          "Boost.Asio leaves a signal in the pipe, when that cannot be read, until the next one"),
     Known("asprintf|stat", ("uci_load_delta", "uci_load_delta_file"),
           r"left behind: (descriptors|blocks)",
           "libuci leaves the file open when it cannot look for staged changes"),
