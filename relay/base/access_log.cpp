@@ -51,6 +51,24 @@ void append(std::string& line, std::string_view key, std::uint64_t number) {
     line += std::to_string(number);
 }
 
+void append(std::string& lines, const AccessRecord& record) {
+    char milliseconds[32];
+    std::snprintf(milliseconds, sizeof milliseconds, "%.3f", record.duration.count());
+    lines += "{\"time\":\"" + iso_time(record.time) + "\"";
+    append(lines, "user", record.user);
+    append(lines, "device", record.device);
+    append(lines, "method", record.method);
+    append(lines, "target", record.target);
+    append(lines, "status", record.status);
+    append(lines, "request_bytes", record.request_bytes);
+    append(lines, "answer_bytes", record.answer_bytes);
+    lines += ",\"ms\":";
+    lines += milliseconds;
+    if (!record.note.empty())
+        append(lines, "note", record.note);
+    lines += "}\n";
+}
+
 } // namespace
 
 bool AccessLog::open(const std::string& path, std::string& error) {
@@ -81,21 +99,13 @@ bool AccessLog::open(const std::string& path, std::string& error) {
 void AccessLog::add(const AccessRecord& record) {
     if (!writer_)
         return;
-    char milliseconds[32];
-    std::snprintf(milliseconds, sizeof milliseconds, "%.3f", record.duration.count());
-    lines_ += "{\"time\":\"" + iso_time(record.time) + "\"";
-    append(lines_, "user", record.user);
-    append(lines_, "device", record.device);
-    append(lines_, "method", record.method);
-    append(lines_, "target", record.target);
-    append(lines_, "status", record.status);
-    append(lines_, "request_bytes", record.request_bytes);
-    append(lines_, "answer_bytes", record.answer_bytes);
-    lines_ += ",\"ms\":";
-    lines_ += milliseconds;
-    if (!record.note.empty())
-        append(lines_, "note", record.note);
-    lines_ += "}\n";
+    const std::size_t before = lines_.size();
+    try {
+        append(lines_, record);
+    } catch (...) {
+        lines_.resize(before); // or the next line would follow a part of this one
+        throw;
+    }
     if (lines_.size() >= flush_bytes)
         flush();
 }

@@ -1,5 +1,6 @@
 #include "base/access_log.h"
 
+#include "failing_new.h"
 #include "scratch_folder.h"
 #include "support/eventually.h"
 
@@ -7,6 +8,8 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <new>
+#include <sstream>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -65,6 +68,28 @@ TEST_F(AccessLogFile, SaysWhyTheRelayAnsweredItself) {
     log_.add(refused);
     const auto line = boost::json::parse(written());
     EXPECT_EQ(line.at("note").as_string(), "time_out");
+}
+
+TEST_F(AccessLogFile, LineThatLacksMemoryLeavesNoPart) {
+    open();
+    const std::string target(300, 'x');
+    auto requested = record();
+    requested.target = target;
+    int nth = 0;
+    for (bool happened = true; happened;) {
+        const FailingNew failure(++nth);
+        try {
+            log_.add(requested);
+        } catch (const std::bad_alloc&) {
+        }
+        happened = failure.happened();
+    }
+    EXPECT_GT(nth, 3);
+    std::istringstream lines(written());
+    int count = 0;
+    for (std::string line; std::getline(lines, line); ++count)
+        EXPECT_EQ(boost::json::parse(line).at("target").as_string(), target);
+    EXPECT_GT(count, 0);
 }
 
 TEST_F(AccessLogFile, LineStaysOneLineWhateverTheUserSends) {
