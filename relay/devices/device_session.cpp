@@ -485,13 +485,17 @@ void DeviceSession::expire(std::uint16_t id) {
     pump();
 }
 
+// Takes no memory, which even an empty std::deque would: a session closes without any.
 void DeviceSession::fail_all(Exchange::State state) {
     if (answering_)
         answering_->fail(state);
     for (auto& [id, slot] : std::exchange(out_, {}))
         slot.exchange->fail(state);
-    for (auto& exchange : std::exchange(waiting_, {}))
+    while (!waiting_.empty()) {
+        const auto exchange = std::move(waiting_.front());
+        waiting_.pop_front();
         exchange->fail(state);
+    }
 }
 
 } // namespace relay

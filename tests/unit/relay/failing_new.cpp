@@ -5,7 +5,7 @@
 
 namespace {
 
-int countdown = 0; // the allocation that takes it from 1 to 0 fails
+thread_local int countdown = 0; // the allocation that takes it from 1 to 0 fails
 
 bool fails() {
     return countdown > 0 && --countdown == 0;

@@ -5,6 +5,7 @@
 #include "base/guarded.h"
 #include "front/front.h"
 
+#include "certificate_files.h"
 #include "coroutines.h"
 #include "failing_new.h"
 
@@ -39,15 +40,20 @@ protected:
         run_through([this] { coroutines_.settle(); });
     }
 
-    // Opens a connection, asks, and leaves again. While the relay takes the connection and answers,
-    // its `failing`th allocation fails; `has_failed_` says whether there are as many.
-    std::string answer_of(std::uint16_t port, int failing = 0) {
-        const int user = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    static int connected_to(std::uint16_t port) {
+        const int peer = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_port = htons(port);
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        EXPECT_EQ(connect(user, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        EXPECT_EQ(connect(peer, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        return peer;
+    }
+
+    // Opens a connection, asks, and leaves again. While the relay takes the connection and answers,
+    // its `failing`th allocation fails; `has_failed_` says whether there are as many.
+    std::string answer_of(std::uint16_t port, int failing = 0) {
+        const int user = connected_to(port);
         constexpr char request[] = "GET /healthz HTTP/1.1\r\nHost: nobody.localhost\r\n\r\n";
         EXPECT_GT(send(user, request, sizeof request - 1, MSG_NOSIGNAL), 0);
         {
@@ -113,6 +119,32 @@ TEST_F(ShortMemory, EndsNoListenerForOperators) {
     ASSERT_TRUE(admin.listen(error_)) << error_;
     fail_each(admin.port(), "HTTP/1.1 200");
     admin.close_all(); // touches every connection that is still listed
+}
+
+TEST_F(ShortMemory, ClosesEveryConnectionOfADevice) {
+    const ScratchFolder folder;
+    write_certificate(folder, "relay");
+    auto config = loopback();
+    config.devices.tls.certificate = folder.file("relay.pem");
+    config.devices.tls.key = folder.file("relay.key");
+    Devices devices(coroutines_.executor(), config, deadlines_, budget_, clients_, metrics_);
+    ASSERT_TRUE(devices.load_certificate(error_) && devices.listen(error_)) << error_;
+    int nth = 0;
+    do {
+        const int device = connected_to(devices.port());
+        settle();
+        {
+            const FailingNew failure(++nth);
+            guarded("closing failed", [&] { devices.close_all(); });
+            has_failed_ = failure.happened();
+        }
+        settle();
+        char byte = 0;
+        EXPECT_EQ(recv(device, &byte, 1, MSG_DONTWAIT), 0)
+            << "after a failure of allocation " << nth;
+        close(device);
+    } while (has_failed_ && !HasFailure());
+    EXPECT_GT(nth, 1);
 }
 
 } // namespace
