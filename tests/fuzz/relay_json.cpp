@@ -1,3 +1,4 @@
-// The JSON library's own sources, for the fuzzers: relay/boost.cpp has three libraries more.
+// The sources of the JSON and URL libraries: the fuzzers need no more of relay/boost.cpp.
 
 #include <boost/json/src.hpp>
+#include <boost/url/src.hpp>
