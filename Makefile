@@ -5,7 +5,8 @@ JOBS ?= $(shell nproc)
 PYTHON := /usr/bin/python3
 BUILD := build/$(PRESET)
 SOURCES = $(shell git ls-files -co --exclude-standard '*.cpp' '*.h')
-SCRIPTS = $(shell git ls-files -co --exclude-standard '*.sh' '.ci/*')
+SCRIPTS = $(shell git ls-files -co --exclude-standard '*.sh' '.ci/*' \
+	packaging/relay_server/post* packaging/relay_server/prerm)
 
 # Warnings are errors where a machine reads them.
 CMAKE_FLAGS := $(if $(CI),-DCRC_WERROR=ON)
@@ -18,10 +19,10 @@ export PYTHONDONTWRITEBYTECODE := 1
 
 .DEFAULT_GOAL := help
 .PHONY: help setup setup-checks build programs test fuzz torture torture-with faults soak mutants \
-	coverage memcheck cross demo bench format lint clean
+	package package-test coverage memcheck cross demo bench format lint clean
 
 help: ## list the commands
-	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-8s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
+	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-12s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
 	@echo "  PRESET=release|debug|asan|tsan chooses the build; release unless told otherwise"
 
 setup: ## install the Debian packages that are missing
@@ -95,6 +96,16 @@ coverage: setup-checks ## run every test and show which lines and branches of ea
 
 cross: ## build and test what runs on the router for other CPUs (CPU="armhf s390x": those)
 	@packaging/cross.sh $(CPU)
+
+package: setup ## make the Debian package of relay_server, in build/package
+	@[ -f build/release/build.ninja ] || cmake --preset release $(CMAKE_FLAGS)
+	@cmake --build --preset release -j $(JOBS) --target relay_server
+	@cd build/release && cpack
+
+# Root's alone: debootstrap makes the system, once; that takes minutes.
+package-test: setup-checks package ## install, use, upgrade and purge the package in a fresh Debian (root)
+	@cd tests/packaging && CRC_BIN=$(CURDIR)/build/release/bin \
+		$(PYTHON) -m pytest -q -m debian test_relay_in_debian.py
 
 # What the demo and the long runs start; tests take much longer to build.
 programs: setup $(BUILD)/build.ninja

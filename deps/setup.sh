@@ -8,7 +8,7 @@ set -eu
 
 packages="
     g++ cmake ninja-build pkg-config
-    libjson-c-dev libcjson-dev libwolfssl-dev libssl-dev libboost1.81-dev libsystemd-dev
+    libjson-c-dev libcjson-dev libwolfssl-dev libssl-dev libboost1.81-dev libsystemd-dev dpkg-dev
     libgtest-dev libgmock-dev
     lua5.1 lighttpd openssl iproute2 python3 python3-pytest
 "
@@ -17,6 +17,7 @@ if [ "${1-}" = checks ]; then
         python3-pytest-xdist python3-selenium chromium chromium-driver
         tshark mandoc busybox
         gcovr python3-pip
+        systemd debootstrap
         strace binutils valgrind curl wrk nftables nginx-light openssh-server openssh-client
         clang-format-14 clang-tidy-14 shellcheck
         clang-14 libclang-rt-14-dev llvm-14
