@@ -16,7 +16,7 @@ public:
     // Called on the writer's thread with all that was added since the last call.
     using Sink = std::function<void(std::string_view lines)>;
 
-    // Throws std::system_error when there is no thread to be had.
+    // Throws std::system_error when no thread can be started.
     explicit BackgroundWriter(Sink sink);
     ~BackgroundWriter(); // waits for nothing: what is left is written, and then the sink goes
     BackgroundWriter(const BackgroundWriter&) = delete;

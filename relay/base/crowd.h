@@ -21,7 +21,7 @@ namespace relay {
 
 class Crowd;
 
-// One connection. Its owner is told to let it go; it leaves the crowd when it is destroyed.
+// One connection. The crowd may ask its owner to end it; it leaves the crowd when it is destroyed.
 class Guest : public boost::intrusive::list_base_hook<> {
 public:
     // `may_go`: whether it does nothing, and would lose nothing. `send_away` ends it.

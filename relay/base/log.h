@@ -19,7 +19,7 @@ void write(Level level, std::string_view text);
 // and afterwards each is one write of the caller's. At its end it waits a little for the last ones.
 class Background {
 public:
-    Background(); // throws std::system_error when there is no thread to be had
+    Background(); // throws std::system_error when no thread can be started
     ~Background();
     Background(const Background&) = delete;
     Background& operator=(const Background&) = delete;

@@ -54,7 +54,7 @@ private:
     DeviceServices services_;
     Policy policy_;
     TlsContext tls_;
-    Door door_; // its crowd: those that are no session yet
+    Door door_; // its crowd: connections before their hello
     bool draining_ = false;
     std::map<std::string, std::shared_ptr<DeviceSession>, std::less<>> sessions_; // by device_key()
     std::unordered_set<std::shared_ptr<DeviceSession>> newcomers_;                // no session yet
