@@ -130,11 +130,11 @@ void Relay::look_for_renewed_certificates() {
         else
             log::error("the renewed certificate of the ", whose, " is not taken over: ", error);
     };
+    look_again_.set(renewal_interval); // first: what follows may lack memory
     if (device_certificate_.has_changed())
         take_over("devices' side", devices_, &Devices::load_certificate);
     if (front_certificates_.has_changed())
         take_over("users' side", front_, &Front::load);
-    look_again_.set(renewal_interval);
 }
 
 // Load balancers ask for /healthz and hear 503 from now on. Until they have, they send users and
