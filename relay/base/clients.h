@@ -8,6 +8,7 @@
 #include <array>
 #include <map>
 #include <memory>
+#include <string>
 #include <utility>
 
 namespace relay {
@@ -20,6 +21,12 @@ struct Client {
     MemoryAccount memory;
     std::array<std::size_t, client_counts> connections{};
     bool is_trusted_proxy = false; // its connections are those of many others
+};
+
+// Where a connection or a request comes from.
+struct Source {
+    std::string address; // without port
+    std::shared_ptr<Client> client;
 };
 
 // Owned by the relay, outlives the connections; used on its thread.

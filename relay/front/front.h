@@ -19,12 +19,6 @@ namespace relay {
 
 class UserConnection;
 
-// Where a connection or a request comes from.
-struct Source {
-    std::string address; // without port
-    std::shared_ptr<Client> client;
-};
-
 class Front {
 public:
     // What a connection uses. Outlives the connections.
@@ -49,7 +43,7 @@ public:
 
     // Nobody comes in any more and idle connections end; requests under way go on.
     void drain();
-    bool is_draining() const { return draining_; }
+    const bool& is_draining() const { return draining_; } // it may be kept, and looked at later
     void close_all();
     bool is_idle() const { return connections_.empty(); }
 

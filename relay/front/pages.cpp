@@ -6,6 +6,10 @@
 
 namespace relay {
 
+PageReason no_memory() {
+    return {503, "The relay has no memory left for this request. Try again soon.", "memory"};
+}
+
 std::string_view reason_phrase(unsigned status) {
     const auto phrase =
         boost::beast::http::obsolete_reason(boost::beast::http::int_to_status(status));

@@ -16,6 +16,8 @@ struct PageReason {
 // A whole HTTP response. `with_body` false: for HEAD.
 std::string make_page(const PageReason& reason, bool keep_alive, bool with_body);
 
+PageReason no_memory();
+
 std::string_view reason_phrase(unsigned status);
 
 } // namespace relay

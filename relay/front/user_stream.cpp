@@ -10,8 +10,9 @@
 
 namespace relay {
 
-UserStream::UserStream(Socket socket, TlsContext tls)
-    : socket_(std::move(socket)), context_(std::move(tls)) {
+UserStream::UserStream(Socket socket, TlsContext tls, Deadlines& deadlines)
+    : socket_(std::move(socket)), context_(std::move(tls)),
+      deadline_(deadlines, [this] { close(); }) {
     if (context_)
         tls_ = std::make_unique<TlsStream>(socket_, *context_);
     error_code ignored;

@@ -1,6 +1,7 @@
 // A user's connection, plain or TLS, as bytes.
 #pragma once
 
+#include "base/deadlines.h"
 #include "base/proxy_header.h"
 #include "base/tls.h"
 
@@ -14,7 +15,10 @@ namespace relay {
 class UserStream {
 public:
     // `tls` null: plain HTTP.
-    UserStream(Socket socket, TlsContext tls);
+    UserStream(Socket socket, TlsContext tls, Deadlines& deadlines);
+
+    // When it passes the connection is closed.
+    Deadline& deadline() { return deadline_; }
 
     bool is_tls() const { return tls_ != nullptr; }
 
@@ -40,6 +44,7 @@ private:
     Socket socket_;
     TlsContext context_; // kept: a reload replaces the front's
     std::unique_ptr<TlsStream> tls_;
+    Deadline deadline_;
 };
 
 } // namespace relay
