@@ -9,7 +9,6 @@
 namespace relay {
 namespace {
 
-using asio::ip::network_v4;
 using asio::ip::network_v6;
 
 constexpr unsigned short mapped_bits = 96; // in front of an IPv4 address

@@ -31,7 +31,7 @@ std::vector<std::string_view> members_from_the_end(const http::request_header<>&
 
 // "192.0.2.1", "192.0.2.1:1234", "2001:db8::1", "[2001:db8::1]", "[2001:db8::1]:1234".
 std::optional<asio::ip::address> address_in(std::string_view member) {
-    if (const auto address = parse_address(member))
+    if (auto address = parse_address(member))
         return address;
     auto host = host_of(member);
     if (host.starts_with('[') && host.ends_with(']'))
