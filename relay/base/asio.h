@@ -1,5 +1,6 @@
 // The Asio types that relay_server is written in, and the one rule behind them: a single thread
-// runs a single io_context, everything happens on it, and so nothing is locked.
+// runs a single io_context, everything but the writing of logs happens on it, and nothing else is
+// locked.
 #pragma once
 
 #include "base/address.h"
