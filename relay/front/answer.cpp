@@ -142,6 +142,9 @@ bool AnswerBody::convert(std::string_view bytes) {
 bool AnswerBody::decode_chunks(std::string_view bytes) {
     undecoded_ += bytes;
     decoded_.clear();
+    output_ = decoded_;
+    if (undecoded_.size() < least_chunked_bytes)
+        return true;
     std::size_t taken = 0;
     std::array<char, 16384> piece;
     boost::system::error_code error;

@@ -307,6 +307,16 @@ TEST(AnswerBody, OfChunksForAnOldUserIsPlainAtEverySplit) {
     }
 }
 
+TEST(AnswerBody, OfNoChunksMayComeByteByByte) {
+    constexpr std::string_view empty = "0\r\nX-Trailer: 1\r\n\r\n";
+    std::vector<std::string_view> bytes;
+    for (std::size_t i = 0; i < empty.size(); ++i)
+        bytes.push_back(empty.substr(i, 1));
+    bool done = false;
+    EXPECT_EQ(converted(chunked_head, bytes, empty.size(), true, &done), "0\r\n\r\n");
+    EXPECT_TRUE(done);
+}
+
 TEST(AnswerBody, OfALargeChunkPasses) {
     const std::string large(100000, 'x');
     const std::string text = "186a0\r\n" + large + "\r\n0\r\n\r\n";

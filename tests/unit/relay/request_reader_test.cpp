@@ -140,6 +140,23 @@ TEST_F(Requests, HaveTheirBodyReadWhole) {
     EXPECT_EQ(reader_->input(), get) << "the next request";
 }
 
+TEST_F(Requests, OfNoChunksMayComeByteByByte) {
+    user_->send("POST / HTTP/1.1\r\nHost: d.localhost\r\nTransfer-Encoding: chunked\r\n\r\n");
+    Turn turn;
+    ASSERT_TRUE(read_head(turn));
+    std::optional<bool> result;
+    turn.body_memory.emplace(budget_, Holders{memory_, nullptr});
+    coroutines_.start([&]() -> Awaitable<void> { result = co_await reader_->read_body(turn); });
+    for (const char c : std::string_view("0\r\nX-Trailer: 1\r\n\r\n")) {
+        EXPECT_FALSE(result);
+        user_->send({&c, 1});
+        coroutines_.settle();
+    }
+    coroutines_.run_until([&] { return result.has_value(); });
+    EXPECT_EQ(turn.parser.get().body(), "");
+    EXPECT_EQ(turn.page.status, 0U);
+}
+
 TEST_F(Requests, AreToldToGoOnWhenTheyWaitForThat) {
     user_->send("POST / HTTP/1.1\r\nHost: d.localhost\r\nContent-Length: 2\r\n"
                 "Expect: 100-continue\r\n\r\n");
