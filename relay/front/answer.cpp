@@ -143,7 +143,7 @@ bool AnswerBody::decode_chunks(std::string_view bytes) {
     undecoded_ += bytes;
     decoded_.clear();
     output_ = decoded_;
-    if (undecoded_.size() < least_chunked_bytes)
+    if (is_part_of_chunked_end(undecoded_))
         return true;
     std::size_t taken = 0;
     std::array<char, 16384> piece;

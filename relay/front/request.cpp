@@ -124,7 +124,7 @@ PageReason read_head(RequestParser& parser, std::string_view head,
 std::optional<PageReason> take_body(RequestParser& parser, std::string& input,
                                     std::size_t max_header_bytes, std::size_t& taken) {
     taken = 0;
-    if (parser.chunked() && input.size() < least_chunked_bytes)
+    if (parser.chunked() && is_part_of_chunked_end(input))
         return std::nullopt;
     boost::system::error_code error;
     taken = parser.put(boost::asio::buffer(input), error);
